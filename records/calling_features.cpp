@@ -1,0 +1,18 @@
+// Schemas of the calling features records.
+#include "records/record_list.h"
+
+CV_RECORD(CallingFeatures,
+         CV_FIELD(value1), CV_FIELD(value2), CV_FIELD(value3), CV_FIELD(value4), CV_FIELD(text1),
+         CV_FIELD(value5), CV_FIELD(value6), CV_FIELD(value7), CV_FIELD(value8),
+         CV_FIELD(value9), CV_FIELD(value10), CV_FIELD(value11), CV_FIELD(value12),
+         CV_FIELD(value13), CV_FIELD(value14), CV_FIELD(value15), CV_FIELD(value16),
+         CV_FIELD(text2), CV_FIELD(text3), CV_FIELD(text4), CV_FIELD(value17), CV_FIELD(text5),
+         CV_FIELD(text6), CV_FIELD(text7), CV_FIELD(value18), CV_FIELD(text8), CV_FIELD(text9),
+         CV_FIELD(text10), CV_FIELD(value19), CV_FIELD(value20), CV_FIELD(text11),
+         CV_FIELD(text12), CV_FIELD(value21), CV_FIELD(value22), CV_FIELD(value23),
+         CV_FIELD(value24), CV_FIELD(value25), CV_FIELD(value26), CV_FIELD(value27),
+         CV_FIELD(value28), CV_FIELD(value29), CV_FIELD(value30), CV_FIELD(value31),
+         CV_FIELD(value32), CV_FIELD(value33), CV_FIELD(value34), CV_FIELD(value35),
+         CV_FIELD(text13), CV_FIELD(value36), CV_FIELD(text14), CV_FIELD(text15),
+         CV_FIELD(value37), CV_FIELD(value38), CV_FIELD(value39), CV_FIELD(value40),
+         CV_FIELD(value41), CV_FIELD(value42))

@@ -1,0 +1,215 @@
+#include "support/records.h"
+
+#include <cstring>
+
+namespace cvtest {
+namespace {
+
+uint32_t readWord(const uint8_t* p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+void writeWord(uint8_t* p, uint32_t v) { std::memcpy(p, &v, 4); }
+
+uint32_t entriesUsed(const CorVaneSchema& s, uint32_t i, const uint8_t* rec) {
+    const CorVaneField& f = s.fields[i];
+    if (f.kind == CORVANE_FIELD_FIXED_ARRAY) return f.capacity;
+    const uint32_t count = readWord(rec + s.fields[i - 1].offset);
+    return count < f.capacity ? count : f.capacity;
+}
+
+// Text content that differs from field to field: letters and digits from a
+// running counter, never a NUL.
+void fillText(char* dst, uint32_t length, uint32_t salt) {
+    static const char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
+    for (uint32_t i = 0; i < length; ++i) dst[i] = kAlphabet[(salt * 7 + i * 13 + i / 61) % 66];
+    dst[length] = '\0';
+}
+
+struct Filler {
+    uint32_t next;
+    Counts counts;
+
+    void fill(const CorVaneSchema& s, uint8_t* rec) {
+        for (uint32_t i = 0; i < s.fieldCount; ++i) {
+            const CorVaneField& f = s.fields[i];
+            uint8_t* m = rec + f.offset;
+            switch (f.kind) {
+                case CORVANE_FIELD_U32:
+                    writeWord(m, ++next * 2654435761u | 1u);
+                    break;
+                case CORVANE_FIELD_TEXT:
+                    fillText(reinterpret_cast<char*>(m), f.capacity - 1u, ++next);
+                    break;
+                case CORVANE_FIELD_RECORD:
+                    fill(*f.record, m);
+                    break;
+                default: {
+                    if (f.kind == CORVANE_FIELD_ARRAY) {
+                        const uint32_t count = counts == Counts::kZero       ? 0u
+                                               : counts == Counts::kCapacity ? f.capacity
+                                                                             : f.capacity + 3u;
+                        writeWord(rec + s.fields[i - 1].offset, count);
+                    }
+                    for (uint32_t j = 0; j < f.capacity; ++j) fill(*f.record, m + j * f.record->size);
+                    break;
+                }
+            }
+        }
+    }
+};
+
+void randomFill(const CorVaneSchema& s, uint8_t* rec, std::mt19937& rng) {
+    for (uint32_t i = 0; i < s.fieldCount; ++i) {
+        const CorVaneField& f = s.fields[i];
+        uint8_t* m = rec + f.offset;
+        switch (f.kind) {
+            case CORVANE_FIELD_U32:
+                writeWord(m, static_cast<uint32_t>(rng()));
+                break;
+            case CORVANE_FIELD_TEXT: {
+                const uint32_t n = static_cast<uint32_t>(rng() % f.capacity);
+                fillText(reinterpret_cast<char*>(m), n, static_cast<uint32_t>(rng()));
+                break;
+            }
+            case CORVANE_FIELD_RECORD:
+                randomFill(*f.record, m, rng);
+                break;
+            default:
+                if (f.kind == CORVANE_FIELD_ARRAY)
+                    writeWord(rec + s.fields[i - 1].offset,
+                              static_cast<uint32_t>(rng() % (f.capacity + 3u)));
+                for (uint32_t j = 0; j < f.capacity; ++j)
+                    randomFill(*f.record, m + j * f.record->size, rng);
+                break;
+        }
+    }
+}
+
+struct Walker {
+    const uint8_t* root;
+    size_t wire = 0;
+    std::vector<Element> out;
+    std::vector<Level> levels;
+
+    void walk(const CorVaneSchema& s, const uint8_t* rec, const std::string& prefix) {
+        levels.push_back({&s, wire, 0});
+        for (uint32_t i = 0; i < s.fieldCount; ++i) {
+            levels.back().fieldIndex = i;
+            const CorVaneField& f = s.fields[i];
+            const uint8_t* m = rec + f.offset;
+            const std::string path = prefix + f.name;
+            switch (f.kind) {
+                case CORVANE_FIELD_U32:
+                case CORVANE_FIELD_TEXT: {
+                    size_t size = 12;
+                    if (f.kind == CORVANE_FIELD_TEXT) {
+                        const size_t n = strnlen(reinterpret_cast<const char*>(m), f.capacity);
+                        size = 8 + ((n + 1) / 4) * 4 + 4;
+                    }
+                    out.push_back({wire, size, i + 3u, &f, static_cast<size_t>(m - root), path,
+                                   levels});
+                    wire += size;
+                    break;
+                }
+                case CORVANE_FIELD_RECORD:
+                    walk(*f.record, m, path + ".");
+                    break;
+                default: {
+                    const uint32_t n = entriesUsed(s, i, rec);
+                    for (uint32_t j = 0; j < n; ++j)
+                        walk(*f.record, m + j * f.record->size,
+                             path + "[" + std::to_string(j) + "].");
+                    break;
+                }
+            }
+        }
+        levels.pop_back();
+    }
+};
+
+std::string diffFields(const CorVaneSchema& s, const uint8_t* a, const uint8_t* b,
+                       const std::string& prefix) {
+    for (uint32_t i = 0; i < s.fieldCount; ++i) {
+        const CorVaneField& f = s.fields[i];
+        const std::string path = prefix + f.name;
+        const uint8_t* ma = a + f.offset;
+        const uint8_t* mb = b + f.offset;
+        switch (f.kind) {
+            case CORVANE_FIELD_U32:
+                if (readWord(ma) != readWord(mb))
+                    return path + ": " + std::to_string(readWord(ma)) +
+                           " != " + std::to_string(readWord(mb));
+                break;
+            case CORVANE_FIELD_TEXT: {
+                const std::string ta(reinterpret_cast<const char*>(ma),
+                                     strnlen(reinterpret_cast<const char*>(ma), f.capacity));
+                const std::string tb(reinterpret_cast<const char*>(mb),
+                                     strnlen(reinterpret_cast<const char*>(mb), f.capacity));
+                if (ta != tb) return path + ": \"" + ta + "\" != \"" + tb + "\"";
+                break;
+            }
+            case CORVANE_FIELD_RECORD: {
+                std::string d = diffFields(*f.record, ma, mb, path + ".");
+                if (!d.empty()) return d;
+                break;
+            }
+            default: {
+                const uint32_t n = entriesUsed(s, i, a);
+                for (uint32_t j = 0; j < n; ++j) {
+                    std::string d =
+                        diffFields(*f.record, ma + j * f.record->size, mb + j * f.record->size,
+                                   path + "[" + std::to_string(j) + "].");
+                    if (!d.empty()) return d;
+                }
+                break;
+            }
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+Record::Record(const CorVaneSchema* schema)
+    : schema_(schema), bytes_(new uint8_t[schema->size]()) {}
+
+Record::Record(const Record& other) : Record(other.schema_) {
+    std::memcpy(bytes_.get(), other.bytes_.get(), schema_->size);
+}
+
+void fillFull(const CorVaneSchema& s, void* rec, uint32_t seed, Counts counts) {
+    Filler f{seed * 100000u, counts};
+    f.fill(s, static_cast<uint8_t*>(rec));
+}
+
+void fillRandom(const CorVaneSchema& s, void* rec, std::mt19937& rng) {
+    randomFill(s, static_cast<uint8_t*>(rec), rng);
+}
+
+std::vector<Element> elements(const CorVaneSchema& s, const void* rec) {
+    Walker w{static_cast<const uint8_t*>(rec), 0, {}, {}};
+    w.walk(s, static_cast<const uint8_t*>(rec), "");
+    return std::move(w.out);
+}
+
+size_t encodedLength(const CorVaneSchema& s, const void* rec) {
+    size_t total = 0;
+    for (const Element& e : elements(s, rec)) total += e.wireSize;
+    return total;
+}
+
+std::string diff(const CorVaneSchema& s, const void* a, const void* b) {
+    return diffFields(s, static_cast<const uint8_t*>(a), static_cast<const uint8_t*>(b), "");
+}
+
+std::vector<const CorVaneSchema*> allRecords() {
+    std::vector<const CorVaneSchema*> v;
+    for (uint32_t i = 0; i < corVane_recordCount(); ++i) v.push_back(corVane_recordSchemaAt(i));
+    return v;
+}
+
+}  // namespace cvtest
