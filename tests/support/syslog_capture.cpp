@@ -17,6 +17,9 @@ std::vector<LogLine>& lines() {
 void capture(int priority, const char* fmt, va_list ap) {
     char buf[2048];
     std::vsnprintf(buf, sizeof buf, fmt, ap);
+    // A line logged just before abort() is also written to stderr, where
+    // death tests look for it.
+    if ((priority & 7) == 0) std::fputs(buf, stderr);
     std::lock_guard<std::mutex> lock(gMutex);
     lines().push_back({priority & 7, buf});
 }

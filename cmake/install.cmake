@@ -1,0 +1,2 @@
+# Install rules and package files (headers, libCorvane.so.1 with its links,
+# pkg-config and CMake package files).

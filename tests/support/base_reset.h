@@ -1,0 +1,22 @@
+// Puts corVane_base and the stand-in platform back to their load-time state,
+// so that each test starts from scratch in the shared process.
+#pragma once
+
+#include "corvane/base.h"
+#include "quib_stub.h"
+#include "support/syslog_capture.h"
+
+namespace cvtest {
+
+inline void resetBase() {
+    quibStub_reset();
+    corVane_base.magic = CORVANE_MAGIC_BASE;
+    corVane_base.state = CORVANE_STATE_BASE_WAIT_INIT;
+    corVane_base.flags = 0;
+    corVane_base.debug = 0;
+    corVane_base.cmd.num = CORVANE_NUM_NONE;
+    corVane_base.ntfy.num = CORVANE_NUM_NONE;
+    clearLog();
+}
+
+}  // namespace cvtest
