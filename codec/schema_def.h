@@ -31,9 +31,12 @@
 
 namespace cv {
 
-// The schema of each record and payload type; specialised by the type lists.
+// The schema of each record and payload type; both are specialised by the
+// type lists.
 template <class T>
 inline constexpr const CorVaneSchema* kSchemaOf = nullptr;
+template <class T>
+inline constexpr bool kHasSchema = false;
 
 // One entry of a schema list, with what the compile-time checks need beyond
 // the runtime field descriptor.
@@ -54,7 +57,7 @@ consteval FieldDef makeField(const char* name, size_t offset) {
         d.field.kind = CORVANE_FIELD_TEXT;
         d.field.capacity = static_cast<uint16_t>(std::extent_v<M>);
     } else if constexpr (std::is_class_v<M>) {
-        static_assert(kSchemaOf<M> != nullptr, "nested record type has no schema");
+        static_assert(kHasSchema<M>, "nested record type has no schema");
         d.field.kind = CORVANE_FIELD_RECORD;
         d.field.record = kSchemaOf<M>;
     } else {
@@ -67,7 +70,7 @@ template <class M>
 consteval FieldDef makeArray(const char* name, size_t offset, uint8_t kind, size_t countOffset) {
     using E = std::remove_extent_t<M>;
     static_assert(std::is_array_v<M> && std::is_class_v<E>, "an array of records is expected");
-    static_assert(kSchemaOf<E> != nullptr, "array entry type has no schema");
+    static_assert(kHasSchema<E>, "array entry type has no schema");
     static_assert(std::extent_v<M> >= 1 && std::extent_v<M> <= 0xffff, "capacity out of range");
     return FieldDef{{name, kSchemaOf<E>, static_cast<uint32_t>(offset),
                      static_cast<uint16_t>(std::extent_v<M>), kind, 0},

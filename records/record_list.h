@@ -36,6 +36,8 @@
     namespace cv {                                                                              \
     template <>                                                                                 \
     inline constexpr const CorVaneSchema* kSchemaOf<::T> = &schemas::T;                         \
+    template <>                                                                                 \
+    inline constexpr bool kHasSchema<::T> = true;                                               \
     }
 
 CORVANE_RECORD_LIST(CV_DECLARE_SCHEMA_)
