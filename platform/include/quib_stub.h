@@ -81,8 +81,8 @@ typedef struct QuibStubStats {
     uint64_t requestsSent;       /* commands accepted by quibCore_sendMsgReq_toNameUser */
     uint64_t notificationsSent;  /* notifications accepted by quibIntf_sendReq_ntfy */
     uint64_t deliveries;         /* receive functions called */
-    uint64_t buffersTaken;       /* buffers handed out by serializeBody */
-    uint64_t buffersFreed;       /* of those (and their copies), freed by the stand-in */
+    uint64_t buffersTaken;       /* buffers from serializeBody, plus the bus's own copies */
+    uint64_t buffersFreed;       /* of those, freed by the stand-in */
     uint64_t bodiesTaken;        /* bodies built by unserializeBody, plus bodies sent */
     uint64_t bodiesReleased;     /* bodies passed to freeBody */
     uint64_t failures;           /* serialize / unserialize callbacks that failed */
