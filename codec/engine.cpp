@@ -4,6 +4,20 @@
 
 #include "codec/wire.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define CV_FUSED_TEXT 1
+#else
+#define CV_FUSED_TEXT 0
+#endif
+
+// The walks below keep their common case (runs of u32 fields, short texts)
+// in small loops with few live values, and leave failures, nested records
+// and long texts to separate functions: a record of three words then costs
+// little more than the words themselves.
+#define CV_COLD __attribute__((noinline, cold))
+#define CV_NOINLINE __attribute__((noinline))
+
 namespace cv {
 namespace {
 
@@ -29,7 +43,7 @@ struct Scope {
 // After a failure at field `failed`: one "Error Before" line for each later
 // field written under its own tag, and for the reserved numbers of nested
 // records and arrays too where the schema asks for it.
-void logErrorBefore(const Scope& sc, uint32_t failed) {
+CV_COLD void logErrorBefore(const Scope& sc, uint32_t failed) {
     const CorVaneSchema& s = *sc.s;
     const bool reservedToo = s.flags & CORVANE_SCHEMA_ERROR_BEFORE_RESERVED;
     const FnName name = sc.name();
@@ -47,46 +61,222 @@ uint32_t entryCount(const CorVaneField* f, const uint8_t* rec) {
     return count < f->capacity ? count : f->capacity;
 }
 
+// ---- texts -----------------------------------------------------------------
+//
+// Where SSE2 is part of the base instruction set, a short text is found and
+// copied in one pass, 16 bytes at a time, instead of a measuring pass
+// (strnlen / strlen) and then a copying one, each a call into the C library.
+// The callers guarantee that a NUL lies within the bytes they let the
+// helpers read, so a copy never has to be abandoned half-way; the helpers
+// read nothing outside those bytes and write exactly the text and its NUL.
+// Longer texts, and other targets, use the C library's string functions,
+// whose wider vectors win once a text spans a few hundred bytes.
+
+constexpr size_t kFusedTextMax = 256;
+
+#if CV_FUSED_TEXT
+
+inline uint32_t nulMask16(const uint8_t* p) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())));
+}
+
+// The 0x80 bits of the NUL bytes of a little-endian word; the lowest one is
+// exact (x86 is little-endian).
+inline uint64_t nulBits64(uint64_t w) {
+    return (w - 0x0101010101010101ull) & ~w & 0x8080808080808080ull;
+}
+
+inline uint32_t nulBits32(uint32_t w) { return (w - 0x01010101u) & ~w & 0x80808080u; }
+
+inline size_t lowByte(uint64_t bits) { return static_cast<size_t>(__builtin_ctzll(bits)) / 8; }
+
+// Index of the first NUL in s[0, lim) with lim < 16, or lim.
+inline size_t nulIndexShort(const uint8_t* s, size_t lim) {
+    if (lim >= 8) {
+        if (const uint64_t b = nulBits64(load64(s))) return lowByte(b);
+        if (const uint64_t b = nulBits64(load64(s + lim - 8))) return lim - 8 + lowByte(b);
+        return lim;
+    }
+    if (lim >= 4) {
+        if (const uint32_t b = nulBits32(loadHost32(s))) return lowByte(b);
+        if (const uint32_t b = nulBits32(loadHost32(s + lim - 4))) return lim - 4 + lowByte(b);
+        return lim;
+    }
+    for (size_t i = 0; i < lim; ++i)
+        if (s[i] == 0) return i;
+    return lim;
+}
+
+// Index of the first NUL in s[0, lim) with lim >= 16, or lim.
+CV_NOINLINE size_t nulIndexLong(const uint8_t* s, size_t lim) {
+    size_t i = 16;  // the caller looked at the first 16
+    const __m128i zero = _mm_setzero_si128();
+    for (; i + 64 <= lim; i += 64) {
+        const __m128i low = _mm_min_epu8(
+            _mm_min_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i)),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 16))),
+            _mm_min_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 32)),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 48))));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi8(low, zero))) break;  // the NUL is in these 64
+    }
+    for (; i + 16 <= lim; i += 16)
+        if (const uint32_t m = nulMask16(s + i)) return i + static_cast<size_t>(__builtin_ctz(m));
+    if (i == lim) return lim;
+    // The last 16 bytes; those before i are known not to be NUL.
+    const uint32_t m = nulMask16(s + lim - 16);
+    return m ? lim - 16 + static_cast<size_t>(__builtin_ctz(m)) : lim;
+}
+
+// Index of the first NUL in s[0, lim), or lim; reads only s[0, lim).
+inline size_t nulIndex(const uint8_t* s, size_t lim) {
+    if (lim < 16) return nulIndexShort(s, lim);
+    if (const uint32_t m = nulMask16(s)) return static_cast<size_t>(__builtin_ctz(m));
+    return nulIndexLong(s, lim);
+}
+
+// Copies k bytes, 1 <= k <= 16, with at most two overlapping moves a side.
+inline void copyShort(uint8_t* d, const uint8_t* s, size_t k) {
+    if (k >= 8) {
+        const uint64_t a = load64(s), b = load64(s + k - 8);
+        store64(d, a);
+        store64(d + k - 8, b);
+    } else if (k >= 4) {
+        const uint32_t a = loadHost32(s), b = loadHost32(s + k - 4);
+        storeHost32(d, a);
+        storeHost32(d + k - 4, b);
+    } else {
+        const uint8_t a = s[0], b = s[k / 2], c = s[k - 1];
+        d[0] = a;
+        d[k / 2] = b;
+        d[k - 1] = c;
+    }
+}
+
+// copyThroughNul when the first 16 bytes hold no NUL.
+CV_NOINLINE size_t copyThroughNulLong(uint8_t* d, const uint8_t* s, size_t lim) {
+    size_t n;
+    size_t i = 0;
+    const __m128i zero = _mm_setzero_si128();
+    for (; i + 64 <= lim; i += 64) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 16));
+        const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 32));
+        const __m128i e = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 48));
+        const __m128i low = _mm_min_epu8(_mm_min_epu8(a, b), _mm_min_epu8(c, e));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi8(low, zero))) break;  // the NUL is in these 64
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), a);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 16), b);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 32), c);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 48), e);
+    }
+    for (; i + 16 <= lim; i += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
+        const uint32_t m = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)));
+        if (m) {
+            n = i + static_cast<size_t>(__builtin_ctz(m));
+            goto last;
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), v);
+    }
+    // The NUL is in the last 16 bytes, beyond those already copied.
+    n = lim - 16 + static_cast<size_t>(__builtin_ctz(nulMask16(s + lim - 16)));
+last:
+    // The 16 bytes that end with the NUL, rewriting copied bytes with their
+    // own values (n >= 16 here).
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + n - 15),
+                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + n - 15)));
+    return n;
+}
+
+// Copies s[0..n] to d[0..n], n being the first NUL in s[0, lim), which must
+// hold one. Reads only s[0, lim); writes only d[0, n]. Returns n.
+inline size_t copyThroughNul(uint8_t* d, const uint8_t* s, size_t lim) {
+    size_t n;
+    if (lim < 16) {
+        n = nulIndexShort(s, lim);
+    } else if (const uint32_t m = nulMask16(s)) {
+        n = static_cast<size_t>(__builtin_ctz(m));
+    } else {
+        return copyThroughNulLong(d, s, lim);
+    }
+    copyShort(d, s, n + 1);
+    return n;
+}
+
+// Whether s[0, lim) holds a NUL in its last four bytes (all of them if fewer).
+inline bool nulNearEnd(const uint8_t* s, size_t lim) {
+    if (lim >= 4) return nulBits32(loadHost32(s + lim - 4)) != 0;
+    for (size_t i = 0; i < lim; ++i)
+        if (s[i] == 0) return true;
+    return false;
+}
+
+#endif  // CV_FUSED_TEXT
+
+// Length of the text in a field of `capacity` bytes; capacity when it has
+// no NUL.
+inline uint32_t textLength(const uint8_t* m, uint32_t capacity) {
+#if CV_FUSED_TEXT
+    if (capacity <= kFusedTextMax) return static_cast<uint32_t>(nulIndex(m, capacity));
+#endif
+    return static_cast<uint32_t>(strnlen(reinterpret_cast<const char*>(m), capacity));
+}
+
 // ---- copy ----------------------------------------------------------------
+
+uint32_t copyFields(const CorVaneSchema& s, uint8_t* d, const uint8_t* src, const FnName* who);
+
+// A nested record or a record array.
+CV_NOINLINE uint32_t copyNested(const CorVaneSchema& s, const CorVaneField* f, uint8_t* d,
+                                const uint8_t* src, const FnName* who) {
+    uint8_t* dm = d + f->offset;
+    const uint8_t* sm = src + f->offset;
+    if (f->kind == CORVANE_FIELD_RECORD) {
+        const uint32_t st = copyFields(*f->record, dm, sm, nullptr);
+        if (st)
+            log(kPrioError, Scope{&s, nullptr, who, "_copy"}.name(), __LINE__,
+                "Copy %s failed(%d)\n", f->record->name, static_cast<int>(st));
+        return st;
+    }
+    // record arrays, counted or fixed
+    const CorVaneSchema& e = *f->record;
+    const uint32_t n = entryCount(f, src);
+    for (uint32_t j = 0; j < n; ++j) {
+        const uint32_t st = copyFields(e, dm + j * e.size, sm + j * e.size, nullptr);
+        if (st) {
+            log(kPrioError, Scope{&s, nullptr, who, "_copy"}.name(), __LINE__,
+                "Copy %s failed(%u)\n", e.name, st);
+            return st;
+        }
+    }
+    return kOk;
+}
 
 uint32_t copyFields(const CorVaneSchema& s, uint8_t* d, const uint8_t* src, const FnName* who) {
     const CorVaneField* f = s.fields;
-    for (uint32_t i = 0; i < s.fieldCount; ++i, ++f) {
-        uint8_t* dm = d + f->offset;
-        const uint8_t* sm = src + f->offset;
+    const CorVaneField* const last = f + s.fieldCount;
+    while (f != last) {
         switch (f->kind) {
             case CORVANE_FIELD_U32:
-                std::memcpy(dm, sm, 4);
-                break;
-            case CORVANE_FIELD_TEXT:
+                // A run of u32 fields in one tight loop.
+                do {
+                    std::memcpy(d + f->offset, src + f->offset, 4);
+                } while (++f != last && f->kind == CORVANE_FIELD_U32);
+                continue;
+            case CORVANE_FIELD_TEXT: {
                 // An over-long (unterminated) source is cut to capacity - 1.
-                std::strncpy(reinterpret_cast<char*>(dm), reinterpret_cast<const char*>(sm),
-                             f->capacity);
+                uint8_t* dm = d + f->offset;
+                std::strncpy(reinterpret_cast<char*>(dm),
+                             reinterpret_cast<const char*>(src + f->offset), f->capacity);
                 dm[f->capacity - 1] = '\0';
                 break;
-            case CORVANE_FIELD_RECORD: {
-                const uint32_t st = copyFields(*f->record, dm, sm, nullptr);
-                if (st) {
-                    log(kPrioError, Scope{&s, nullptr, who, "_copy"}.name(), __LINE__,
-                        "Copy %s failed(%d)\n", f->record->name, static_cast<int>(st));
-                    return st;
-                }
-                break;
             }
-            default: {  // record arrays, counted or fixed
-                const CorVaneSchema& e = *f->record;
-                const uint32_t n = entryCount(f, src);
-                for (uint32_t j = 0; j < n; ++j) {
-                    const uint32_t st = copyFields(e, dm + j * e.size, sm + j * e.size, nullptr);
-                    if (st) {
-                        log(kPrioError, Scope{&s, nullptr, who, "_copy"}.name(), __LINE__,
-                            "Copy %s failed(%u)\n", e.name, st);
-                        return st;
-                    }
-                }
+            default:
+                if (const uint32_t st = copyNested(s, f, d, src, who)) return st;
                 break;
-            }
         }
+        ++f;
     }
     return kOk;
 }
@@ -96,73 +286,131 @@ uint32_t copyFields(const CorVaneSchema& s, uint8_t* d, const uint8_t* src, cons
 // Counts the bytes an encoding takes; the same walk as the writer, so the
 // two cannot disagree.
 struct CountSink {
-    static constexpr bool kWrites = false;
     uint32_t total = 0;
     const uint8_t* position() const { return nullptr; }
-    void u32(uint32_t, uint32_t) { total += kU32ElementBytes; }
-    void text(uint32_t, const uint8_t*, uint32_t n) { total += textElementBytes(n); }
+    // A run of u32 fields from f; returns the field after it.
+    const CorVaneField* u32Run(const CorVaneField* f, const CorVaneField* last, const uint8_t*,
+                               uint32_t& tag) {
+        uint32_t t = total, g = tag;
+        do {
+            t += kU32ElementBytes;
+            ++g;
+        } while (++f != last && f->kind == CORVANE_FIELD_U32);
+        total = t;
+        tag = g;
+        return f;
+    }
+    bool text(uint32_t, const uint8_t* m, uint32_t capacity) {
+        total += textElementBytes(textLength(m, capacity));
+        return true;
+    }
 };
 
 struct WriteSink {
-    static constexpr bool kWrites = true;
     uint8_t* cur;
     const uint8_t* position() const { return cur; }
-    void u32(uint32_t tag, uint32_t value) {
-        storeBe32(cur, tag);
-        storeBe32(cur + 4, 4);
-        storeBe32(cur + 8, value);
-        cur += kU32ElementBytes;
+    const CorVaneField* u32Run(const CorVaneField* f, const CorVaneField* last,
+                               const uint8_t* rec, uint32_t& tag) {
+        uint8_t* c = cur;
+        uint32_t g = tag;
+        do {
+            store64(c, headerBytes(g++, 4));
+            storeBe32(c + kHeaderBytes, loadHost32(rec + f->offset));
+            c += kU32ElementBytes;
+        } while (++f != last && f->kind == CORVANE_FIELD_U32);
+        cur = c;
+        tag = g;
+        return f;
     }
-    // Writes the text and its NUL; the padding bytes keep what the buffer held.
-    void text(uint32_t tag, const uint8_t* s, uint32_t n) {
+    // Writes the text and its NUL; the padding bytes keep what the buffer
+    // held. False, with nothing written, when the text does not end within
+    // its field.
+    bool text(uint32_t tag, const uint8_t* m, uint32_t capacity) {
+        uint32_t n;
+#if CV_FUSED_TEXT
+        // A NUL in the field's last byte means there is one within the
+        // field: the text can be copied while it is measured.
+        if (capacity <= kFusedTextMax && m[capacity - 1] == 0) {
+            n = static_cast<uint32_t>(copyThroughNul(cur + kHeaderBytes, m, capacity));
+        } else
+#endif
+        {
+            n = static_cast<uint32_t>(strnlen(reinterpret_cast<const char*>(m), capacity));
+            // The padded length always has room for the text and its NUL.
+            if (n + 1 > capacity || n + 1 > paddedLength(n)) return false;
+            std::memcpy(cur + kHeaderBytes, m, n + 1);
+        }
         const uint32_t padded = paddedLength(n);
-        storeBe32(cur, tag);
-        storeBe32(cur + 4, padded);
-        std::memcpy(cur + kHeaderBytes, s, n + 1);
+        store64(cur, headerBytes(tag, padded));
         cur += kHeaderBytes + padded;
+        return true;
     }
 };
 
+// Encodes the fields of `rec` from f (whose tag is `tag`) on; `start` is
+// where the record's encoding began.
 template <class Sink>
-uint32_t encodeFields(const CorVaneSchema& s, const uint8_t* rec, Sink& out, const FnName* who) {
-    const Scope sc{&s, out.position(), who, "_serialize"};
-    const CorVaneField* f = s.fields;
-    for (uint32_t i = 0; i < s.fieldCount; ++i, ++f) {
-        const uint8_t* m = rec + f->offset;
-        uint32_t st = kOk;
-        switch (f->kind) {
-            case CORVANE_FIELD_U32:
-                out.u32(tagOf(i), loadHost32(m));
-                break;
-            case CORVANE_FIELD_TEXT: {
-                const uint32_t n = static_cast<uint32_t>(
-                    strnlen(reinterpret_cast<const char*>(m), f->capacity));
-                // A text must end within its field; the padded length always
-                // has room for the text and its NUL.
-                if (Sink::kWrites && (n + 1 > f->capacity || n + 1 > paddedLength(n))) {
-                    log(kPrioError, sc.name(), __LINE__, "lgChainIn(%d) lgMaxChainOut(%d)\n",
-                        static_cast<int>(n + 1), static_cast<int>(f->capacity));
-                    st = kMismatch;
-                    break;
-                }
-                out.text(tagOf(i), m, n);
-                break;
-            }
-            case CORVANE_FIELD_RECORD:
-                st = encodeFields(*f->record, m, out, nullptr);
-                break;
-            default: {
-                const CorVaneSchema& e = *f->record;
-                const uint32_t n = entryCount(f, rec);
-                for (uint32_t j = 0; j < n && st == kOk; ++j)
-                    st = encodeFields(e, m + j * e.size, out, nullptr);
-                break;
-            }
+uint32_t encodeFrom(const CorVaneSchema& s, const uint8_t* rec, Sink& out, const FnName* who,
+                    const CorVaneField* f, uint32_t tag, const uint8_t* start);
+
+template <class Sink>
+inline uint32_t encodeFields(const CorVaneSchema& s, const uint8_t* rec, Sink& out,
+                             const FnName* who) {
+    return encodeFrom(s, rec, out, who, s.fields, CORVANE_FIRST_TAG, out.position());
+}
+
+// A text that does not end within its field: its line, then the record's.
+CV_COLD uint32_t textTooLong(const CorVaneSchema& s, const CorVaneField* f, const uint8_t* rec,
+                             const uint8_t* start, const FnName* who) {
+    const Scope sc{&s, start, who, "_serialize"};
+    const uint32_t n =
+        static_cast<uint32_t>(strnlen(reinterpret_cast<const char*>(rec + f->offset), f->capacity));
+    log(kPrioError, sc.name(), __LINE__, "lgChainIn(%d) lgMaxChainOut(%d)\n",
+        static_cast<int>(n + 1), static_cast<int>(f->capacity));
+    logErrorBefore(sc, static_cast<uint32_t>(f - s.fields));
+    return kMismatch;
+}
+
+// A nested record or record array; on failure, the enclosing record's lines.
+template <class Sink>
+CV_NOINLINE uint32_t encodeNested(const CorVaneSchema& s, const CorVaneField* f,
+                                  const uint8_t* rec, Sink& out, const uint8_t* start,
+                                  const FnName* who) {
+    const uint8_t* m = rec + f->offset;
+    uint32_t st;
+    if (f->kind == CORVANE_FIELD_RECORD) {
+        st = encodeFields(*f->record, m, out, nullptr);
+    } else {
+        const CorVaneSchema& e = *f->record;
+        const uint32_t n = entryCount(f, rec);
+        st = kOk;
+        for (uint32_t j = 0; j < n && st == kOk; ++j)
+            st = encodeFields(e, m + j * e.size, out, nullptr);
+    }
+    if (st) logErrorBefore(Scope{&s, start, who, "_serialize"}, static_cast<uint32_t>(f - s.fields));
+    return st;
+}
+
+template <class Sink>
+CV_NOINLINE uint32_t encodeFrom(const CorVaneSchema& s, const uint8_t* rec, Sink& out,
+                                const FnName* who, const CorVaneField* f, uint32_t tag,
+                                const uint8_t* start) {
+    const CorVaneField* const last = s.fields + s.fieldCount;
+    while (f != last) {
+        const uint8_t kind = f->kind;
+        if (kind == CORVANE_FIELD_U32) {
+            // A run of u32 fields in one tight loop.
+            f = out.u32Run(f, last, rec, tag);
+            continue;
         }
-        if (st) {
-            logErrorBefore(sc, i);
+        if (kind == CORVANE_FIELD_TEXT) {
+            if (!out.text(tag, rec + f->offset, f->capacity))
+                return textTooLong(s, f, rec, start, who);
+        } else if (const uint32_t st = encodeNested(s, f, rec, out, start, who)) {
             return st;
         }
+        ++f;
+        ++tag;
     }
     return kOk;
 }
@@ -259,38 +507,105 @@ uint32_t readText(Reader<kBounded>& r, const Scope& sc, uint32_t tag, uint8_t* d
     return kOk;
 }
 
+// Any field that is not the usual u32 or short text element: the element
+// read by the rules above (or the nested record or array), and on failure
+// the record's "Error Before" lines. `start` is where the record began.
 template <bool kBounded>
-uint32_t decodeFields(const CorVaneSchema& s, uint8_t* rec, Reader<kBounded>& r,
-                      const FnName* who) {
-    const Scope sc{&s, r.cur, who, "_unserialize"};
-    const CorVaneField* f = s.fields;
-    for (uint32_t i = 0; i < s.fieldCount; ++i, ++f) {
-        uint8_t* m = rec + f->offset;
-        uint32_t st = kOk;
-        switch (f->kind) {
-            case CORVANE_FIELD_U32:
-                st = readU32(r, sc, tagOf(i), m);
-                break;
-            case CORVANE_FIELD_TEXT:
-                st = readText(r, sc, tagOf(i), m, f->capacity);
-                break;
-            case CORVANE_FIELD_RECORD:
-                st = decodeFields(*f->record, m, r, nullptr);
-                break;
-            default: {
-                // The count was stored as received; at most capacity entries.
-                const CorVaneSchema& e = *f->record;
-                const uint32_t n = entryCount(f, rec);
-                for (uint32_t j = 0; j < n && st == kOk; ++j)
-                    st = decodeFields(e, m + j * e.size, r, nullptr);
-                break;
-            }
-        }
-        if (st) {
-            if (st != kOverrun) logErrorBefore(sc, i);
-            return st;
+uint32_t decodeFrom(const CorVaneSchema& s, uint8_t* rec, Reader<kBounded>& r, const FnName* who,
+                    const CorVaneField* f, uint32_t tag, const uint8_t* start);
+
+template <bool kBounded>
+inline uint32_t decodeFields(const CorVaneSchema& s, uint8_t* rec, Reader<kBounded>& r,
+                             const FnName* who) {
+    return decodeFrom(s, rec, r, who, s.fields, CORVANE_FIRST_TAG, r.cur);
+}
+
+template <bool kBounded>
+CV_NOINLINE uint32_t decodeSlow(const CorVaneSchema& s, const CorVaneField* f, uint8_t* rec,
+                                Reader<kBounded>& r, const uint8_t* start, const FnName* who) {
+    const Scope sc{&s, start, who, "_unserialize"};
+    const uint32_t tag = tagOf(static_cast<uint32_t>(f - s.fields));
+    uint8_t* m = rec + f->offset;
+    uint32_t st;
+    switch (f->kind) {
+        case CORVANE_FIELD_U32:
+            st = readU32(r, sc, tag, m);
+            break;
+        case CORVANE_FIELD_TEXT:
+            st = readText(r, sc, tag, m, f->capacity);
+            break;
+        case CORVANE_FIELD_RECORD:
+            st = decodeFields(*f->record, m, r, nullptr);
+            break;
+        default: {
+            // The count was stored as received; at most capacity entries.
+            const CorVaneSchema& e = *f->record;
+            const uint32_t n = entryCount(f, rec);
+            st = kOk;
+            for (uint32_t j = 0; j < n && st == kOk; ++j)
+                st = decodeFields(e, m + j * e.size, r, nullptr);
+            break;
         }
     }
+    if (st && st != kOverrun) logErrorBefore(sc, static_cast<uint32_t>(f - s.fields));
+    return st;
+}
+
+template <bool kBounded>
+CV_NOINLINE uint32_t decodeFrom(const CorVaneSchema& s, uint8_t* rec, Reader<kBounded>& r,
+                                const FnName* who, const CorVaneField* f, uint32_t tag,
+                                const uint8_t* start) {
+    const CorVaneField* const last = s.fields + s.fieldCount;
+    const uint8_t* c = r.cur;
+    while (f != last) {
+        const uint8_t kind = f->kind;
+        if (kind == CORVANE_FIELD_U32) {
+            // A run of u32 fields in one tight loop. The usual element, tag
+            // as expected and length 4, is checked as one 64-bit word.
+            do {
+                if ((kBounded && r.end - c < static_cast<ptrdiff_t>(kU32ElementBytes)) ||
+                    load64(c) != headerBytes(tag, 4))
+                    goto slow;
+                storeHost32(rec + f->offset, loadBe32(c + kHeaderBytes));
+                c += kU32ElementBytes;
+                ++tag;
+            } while (++f != last && f->kind == CORVANE_FIELD_U32);
+            continue;
+        }
+#if CV_FUSED_TEXT
+        if (kind == CORVANE_FIELD_TEXT &&
+            (!kBounded || r.end - c >= static_cast<ptrdiff_t>(kHeaderBytes))) {
+            // A short text whose NUL is where its length says: copied in one
+            // pass. The text ends before the element's last byte and must
+            // fit the field; a well-formed element has its NUL in the last
+            // four bytes of that stretch, and finding one there first means
+            // the copy cannot miss it. Bounded, the whole element must lie
+            // in the buffer; unbounded, the buffer is trusted to hold the
+            // whole encoding, this element included.
+            const uint32_t len = loadBe32(c + 4);
+            const uint32_t lim = len - 1 < f->capacity ? len - 1 : f->capacity;
+            const uint8_t* text = c + kHeaderBytes;
+            if (loadBe32(c) == tag && len != 0 && lim <= kFusedTextMax &&
+                (!kBounded || uint64_t{kHeaderBytes} + len <= static_cast<size_t>(r.end - c)) &&
+                nulNearEnd(text, lim)) {
+                copyThroughNul(rec + f->offset, text, lim);
+                r.cur = c;
+                r.skip(len);
+                c = r.cur;
+                ++f;
+                ++tag;
+                continue;
+            }
+        }
+#endif
+    slow:
+        r.cur = c;
+        if (const uint32_t st = decodeSlow(s, f, rec, r, start, who)) return st;
+        c = r.cur;
+        ++f;
+        ++tag;
+    }
+    r.cur = c;
     return kOk;
 }
 
@@ -301,37 +616,84 @@ uint32_t copyRecord(const CorVaneSchema& s, void* dst, const void* src, const Fn
     return copyFields(s, static_cast<uint8_t*>(dst), static_cast<const uint8_t*>(src), who);
 }
 
+// The entry points walk a record's leading run of u32 fields themselves and
+// hand over to the general walk only if there is more: a record of a few
+// words never pays for the general walk's set-up.
+
 uint32_t recordLength(const CorVaneSchema& s, const void* rec) {
     CountSink count;
-    encodeFields(s, static_cast<const uint8_t*>(rec), count, nullptr);
+    const CorVaneField* f = s.fields;
+    const CorVaneField* const last = f + s.fieldCount;
+    uint32_t tag = CORVANE_FIRST_TAG;
+    if (f != last && f->kind == CORVANE_FIELD_U32) f = count.u32Run(f, last, nullptr, tag);
+    if (f != last)
+        encodeFrom(s, static_cast<const uint8_t*>(rec), count, nullptr, f, tag, nullptr);
     return count.total;
 }
 
 uint32_t encodeRecord(const CorVaneSchema& s, const void* rec, uint8_t** cursor,
                       const FnName* who) {
-    WriteSink out{*cursor};
-    const uint32_t st = encodeFields(s, static_cast<const uint8_t*>(rec), out, who);
+    const uint8_t* const r = static_cast<const uint8_t*>(rec);
+    uint8_t* const start = *cursor;
+    WriteSink out{start};
+    const CorVaneField* f = s.fields;
+    const CorVaneField* const last = f + s.fieldCount;
+    uint32_t tag = CORVANE_FIRST_TAG;
+    if (f != last && f->kind == CORVANE_FIELD_U32) f = out.u32Run(f, last, r, tag);
+    uint32_t st = kOk;
+    if (f != last) st = encodeFrom(s, r, out, who, f, tag, start);
     *cursor = out.cur;
     return st;
 }
 
+namespace {
+
+// The leading run of usual u32 elements, then the general walk if needed.
+template <bool kBounded>
+inline uint32_t decodeTop(const CorVaneSchema& s, uint8_t* rec, const uint8_t** cursor,
+                          const uint8_t* end, const FnName* who) {
+    const uint8_t* const start = *cursor;
+    const uint8_t* c = start;
+    const CorVaneField* f = s.fields;
+    const CorVaneField* const last = f + s.fieldCount;
+    uint32_t tag = CORVANE_FIRST_TAG;
+    while (f != last && f->kind == CORVANE_FIELD_U32 &&
+           (!kBounded || end - c >= static_cast<ptrdiff_t>(kU32ElementBytes)) &&
+           load64(c) == headerBytes(tag, 4)) {
+        storeHost32(rec + f->offset, loadBe32(c + kHeaderBytes));
+        c += kU32ElementBytes;
+        ++f;
+        ++tag;
+    }
+    uint32_t st = kOk;
+    if (f != last) {
+        Reader<kBounded> r{c, end};
+        st = decodeFrom(s, rec, r, who, f, tag, start);
+        c = r.cur;
+    }
+    *cursor = c;
+    return st;
+}
+
+}  // namespace
+
 uint32_t decodeRecord(const CorVaneSchema& s, void* rec, const uint8_t** cursor,
                       const uint8_t* end, const FnName* who) {
-    uint32_t st;
-    if (end) {
-        Reader<true> r{*cursor, end};
-        st = decodeFields(s, static_cast<uint8_t*>(rec), r, who);
-        *cursor = r.cur;
-    } else {
-        Reader<false> r{*cursor, nullptr};
-        st = decodeFields(s, static_cast<uint8_t*>(rec), r, who);
-        *cursor = r.cur;
-    }
-    return st;
+    uint8_t* const r = static_cast<uint8_t*>(rec);
+    return end ? decodeTop<true>(s, r, cursor, end, who)
+               : decodeTop<false>(s, r, cursor, nullptr, who);
 }
 
 uint32_t decodeWord(uint32_t tag, uint32_t* value, const uint8_t** cursor, const uint8_t* end,
                     const uint8_t* recordStart, const FnName& who) {
+    // The usual element (tag as expected, length 4) read at once.
+    const uint8_t* c = *cursor;
+    if ((!end || end - c >= static_cast<ptrdiff_t>(kU32ElementBytes)) &&
+        load64(c) == headerBytes(tag, 4)) {
+        *value = loadBe32(c + kHeaderBytes);
+        *cursor = c + kU32ElementBytes;
+        return kOk;
+    }
     const Scope sc{nullptr, recordStart, &who, ""};
     uint8_t word[4];
     uint32_t st;

@@ -33,6 +33,25 @@ inline uint32_t loadHost32(const uint8_t* p) {
 
 inline void storeHost32(uint8_t* p, uint32_t v) { std::memcpy(p, &v, 4); }
 
+// The tag and length words of an element as the eight bytes the wire holds,
+// read or written as one 64-bit access.
+inline uint64_t headerBytes(uint32_t tag, uint32_t len) {
+    uint8_t b[8];
+    storeBe32(b, tag);
+    storeBe32(b + 4, len);
+    uint64_t v;
+    std::memcpy(&v, b, 8);
+    return v;
+}
+
+inline uint64_t load64(const uint8_t* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+
+inline void store64(uint8_t* p, uint64_t v) { std::memcpy(p, &v, 8); }
+
 constexpr uint32_t kHeaderBytes = 8;     // tag and length words
 constexpr uint32_t kU32ElementBytes = 12;
 

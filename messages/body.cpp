@@ -112,7 +112,10 @@ void freeBody(const Msg& m, uint32_t kind, void* body) {
     BodyHead* head = static_cast<BodyHead*>(body);
     if (head->ref != 0) return;  // still held by someone else
     api::clean(*m.payload, payloadOf(body));
-    head->magic = CORVANE_MAGIC_FREED;  // a late use or second release hits the magic check
+    // A late use or second release hits the magic check. The store goes
+    // through a volatile access: a plain one just before free() is a dead
+    // store that the compiler drops.
+    *static_cast<volatile uint32_t*>(&head->magic) = CORVANE_MAGIC_FREED;
     std::free(body);
 }
 

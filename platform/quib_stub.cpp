@@ -51,7 +51,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -91,12 +90,15 @@ struct Failure {
     uint32_t after;
 };
 
-// The context handed to a receive function and its handler.
+// The context handed to a receive function and its handler. The contexts
+// under delivery are linked through `next` (they live on the stack of the
+// delivering call), so that delivering allocates nothing.
 struct MsgCtx {
     uint16_t num;
     uint16_t method;
     void *sender;
     void *dest;
+    MsgCtx *next;
 };
 
 // The body callbacks of one method's row, copied out of the table so the
@@ -118,7 +120,7 @@ struct State {
     std::vector<Registration> subscribers;
     std::vector<UpdateNeed> updates;
     std::vector<QuibStubResponse> responses;
-    std::set<const MsgCtx *> liveCtx;
+    MsgCtx *liveCtx = nullptr;  // contexts under delivery, newest first
     Failure failures[QUIB_STUB_CALL_COUNT] = {};
     QuibStubCallRecord records[QUIB_STUB_CALL_COUNT] = {};
     QuibStubStats stats = {};
@@ -167,11 +169,52 @@ uint32_t enter(State &s, QuibStubCall call, A... args)
     return f.code;
 }
 
-void count(uint64_t QuibStubStats::*field, uint64_t n = 1)
+// What a send changes in the counters, added to them under the lock in one
+// go: at the end of a delivery, in the section that takes the context back,
+// and when the send is over (also when it fails or throws) for whatever is
+// left. A message trip then takes the lock a few times rather than once
+// per counter.
+struct Tally {
+    static constexpr size_t kWords = sizeof(QuibStubStats) / sizeof(uint64_t);
+    static_assert(sizeof(QuibStubStats) % sizeof(uint64_t) == 0);
+    QuibStubStats delta = {};
+    bool any = false;
+
+    Tally() = default;
+    Tally(const Tally &) = delete;
+    Tally &operator=(const Tally &) = delete;
+    ~Tally()
+    {
+        if (!any)
+            return;
+        State &s = st();
+        Lock lk(s.mutex);
+        flush(s);
+    }
+    // Called with the lock held.
+    void flush(State &s)
+    {
+        auto *to = reinterpret_cast<uint64_t *>(&s.stats);
+        const auto *from = reinterpret_cast<const uint64_t *>(&delta);
+        for (size_t i = 0; i < kWords; ++i)
+            to[i] += from[i];
+        delta = {};
+        any = false;
+    }
+};
+
+void count(Tally &t, uint64_t QuibStubStats::*field)
 {
-    State &s = st();
-    Lock lk(s.mutex);
-    s.stats.*field += n;
+    t.delta.*field += 1;
+    t.any = true;
+}
+
+bool isLive(const State &s, const MsgCtx *ctx)
+{
+    for (const MsgCtx *c = s.liveCtx; c != nullptr; c = c->next)
+        if (c == ctx)
+            return true;
+    return false;
 }
 
 Row rowOf(State &s, uint16_t num, uint16_t method)
@@ -188,7 +231,7 @@ Row rowOf(State &s, uint16_t num, uint16_t method)
     return row;
 }
 
-void releaseBody(const Row &row, void *body)
+void releaseBody(const Row &row, void *body, Tally &t)
 {
     if (body == nullptr)
         return;
@@ -196,7 +239,7 @@ void releaseBody(const Row &row, void *body)
         row.freeBody(CORVANE_BODY_REQUEST, body);
     else
         std::free(body);
-    count(&QuibStubStats::bodiesReleased);
+    count(t, &QuibStubStats::bodiesReleased);
 }
 
 // Validates a registration's descriptor; QUIB_STUB_E_NO_TABLE if unusable.
@@ -221,7 +264,7 @@ void upsert(std::vector<Registration> &regs, const Registration &reg)
 // Unserialises one receiver's copy (taking it over), calls the receive
 // function with the registered handler and releases the received body.
 uint32_t deliver(const Row &row, const Registration &to, void *sender, uint8_t *copy,
-                 uint32_t len)
+                 uint32_t len, Tally &t)
 {
     State &s = st();
     void *rbody = nullptr;
@@ -230,70 +273,89 @@ uint32_t deliver(const Row &row, const Registration &to, void *sender, uint8_t *
                       ? row.unserialize(CORVANE_BODY_REQUEST, copy, &rbody, &size)
                       : QUIB_STUB_E_SERIALIZE;
     std::free(copy);
-    count(&QuibStubStats::buffersFreed);
+    count(t, &QuibStubStats::buffersFreed);
     if (rc != 0) {
-        count(&QuibStubStats::failures);
+        count(t, &QuibStubStats::failures);
         return rc;
     }
     if (rbody != nullptr)
-        count(&QuibStubStats::bodiesTaken);
+        count(t, &QuibStubStats::bodiesTaken);
 
-    MsgCtx ctx = {to.num, to.method, sender, to.user};
+    MsgCtx ctx = {to.num, to.method, sender, to.user, nullptr};
     CorVaneRecvFn recv = corVane_intfMethods(to.desc)[to.method].recv;
     if (recv != nullptr) {
         {
             Lock lk(s.mutex);
-            s.liveCtx.insert(&ctx);
+            ctx.next = s.liveCtx;
+            s.liveCtx = &ctx;
         }
         recv(&ctx, rbody, to.handler, to.arg);
+        count(t, &QuibStubStats::deliveries);
+        // The body goes before the context is taken back, so that one
+        // locked section does both that and the counting.
+        releaseBody(row, rbody, t);
         Lock lk(s.mutex);
-        s.liveCtx.erase(&ctx);
-        s.stats.deliveries++;
+        for (MsgCtx **p = &s.liveCtx; *p != nullptr; p = &(*p)->next) {
+            if (*p == &ctx) {
+                *p = ctx.next;
+                break;
+            }
+        }
+        t.flush(s);
+        return 0;
     }
-    releaseBody(row, rbody);
+    releaseBody(row, rbody, t);
     return 0;
 }
 
-// Takes the body over and serialises it. On success `bytes` holds the
-// serialised form and 0 is returned; the body is released in every case.
-uint32_t takeAndSerialize(uint32_t injected, const Row &row, void *body,
-                          std::vector<uint8_t> &bytes)
+// Takes the body over and serialises it. On success 0 is returned and the
+// caller owns the serialised buffer (buf, len; buf is NULL when the
+// serialiser gave none) and frees it with freeBuffer; the body is released
+// in every case.
+uint32_t takeAndSerialize(uint32_t injected, const Row &row, void *body, uint8_t *&buf,
+                          uint32_t &len, Tally &t)
 {
     if (body != nullptr)
-        count(&QuibStubStats::bodiesTaken);
+        count(t, &QuibStubStats::bodiesTaken);
     if (!row.present || injected != 0) {
-        releaseBody(row, body);
+        releaseBody(row, body, t);
         return injected != 0 ? injected : QUIB_STUB_E_NO_TABLE;
     }
-    uint8_t *buf = nullptr;
-    uint32_t len = 0;
+    buf = nullptr;
+    len = 0;
     uint32_t rc = row.serialize != nullptr
                       ? row.serialize(CORVANE_BODY_REQUEST, body, &buf, &len)
                       : QUIB_STUB_E_SERIALIZE;
-    releaseBody(row, body);
+    releaseBody(row, body, t);
     if (rc != 0 || (buf == nullptr && len != 0)) {
-        count(&QuibStubStats::failures);
+        count(t, &QuibStubStats::failures);
         return QUIB_STUB_E_SERIALIZE;
     }
-    if (buf != nullptr) {
-        count(&QuibStubStats::buffersTaken);
-        bytes.assign(buf, buf + len);
-        std::free(buf);
-        count(&QuibStubStats::buffersFreed);
-    }
+    if (buf != nullptr)
+        count(t, &QuibStubStats::buffersTaken);
+    else
+        len = 0;
     return 0;
+}
+
+void freeBuffer(uint8_t *buf, Tally &t)
+{
+    if (buf == nullptr)
+        return;
+    std::free(buf);
+    count(t, &QuibStubStats::buffersFreed);
 }
 
 // A heap block of exactly the serialised length, so that a read beyond it
 // shows under a sanitizer.
-uint8_t *exactCopy(const std::vector<uint8_t> &bytes)
+uint8_t *exactCopy(const uint8_t *buf, uint32_t len, Tally &t)
 {
-    auto *copy = static_cast<uint8_t *>(std::malloc(bytes.empty() ? 1 : bytes.size()));
+    auto *copy = static_cast<uint8_t *>(std::malloc(len == 0 ? 1 : len));
     if (copy == nullptr)
         return nullptr;
-    if (!bytes.empty())
-        std::memcpy(copy, bytes.data(), bytes.size());
-    count(&QuibStubStats::buffersTaken);
+    if (len != 0)
+        std::memcpy(copy, buf, len);
+    count(t, &QuibStubStats::buffersTaken);
     return copy;
 }
 
@@ -401,6 +463,7 @@ uint32_t quibCore_sendMsgReq_toNameUser(void *coreUser, void *body, uint32_t r1,
 {
     return guarded<uint32_t>(CORVANE_E_NOMEM, [&]() -> uint32_t {
         State &s = st();
+        Tally tally;
         Row row;
         uint32_t injected;
         {
@@ -409,11 +472,13 @@ uint32_t quibCore_sendMsgReq_toNameUser(void *coreUser, void *body, uint32_t r1,
                              num, method, all, prio);
             row = rowOf(s, num, method);
         }
-        std::vector<uint8_t> bytes;
-        uint32_t rc = takeAndSerialize(injected, row, body, bytes);
+        uint8_t *buf;
+        uint32_t len;
+        uint32_t rc = takeAndSerialize(injected, row, body, buf, len, tally);
         if (rc != 0)
             return rc;
-        uint8_t *copy = exactCopy(bytes);
+        uint8_t *copy = exactCopy(buf, len, tally);
+        freeBuffer(buf, tally);
         if (copy == nullptr)
             return CORVANE_E_NOMEM;
 
@@ -432,14 +497,14 @@ uint32_t quibCore_sendMsgReq_toNameUser(void *coreUser, void *body, uint32_t r1,
                 }
             }
             if (found)
-                s.stats.requestsSent++;
+                count(tally, &QuibStubStats::requestsSent);
         }
         if (!found) {
             std::free(copy);
-            count(&QuibStubStats::buffersFreed);
+            count(tally, &QuibStubStats::buffersFreed);
             return QUIB_STUB_E_NO_SERVER;
         }
-        return deliver(row, to, coreUser, copy, static_cast<uint32_t>(bytes.size()));
+        return deliver(row, to, coreUser, copy, len, tally);
     });
 }
 
@@ -449,6 +514,7 @@ uint32_t quibIntf_sendReq_ntfy(void *user, void *body, uint32_t r1, uint32_t r2,
 {
     return guarded<uint32_t>(CORVANE_E_NOMEM, [&]() -> uint32_t {
         State &s = st();
+        Tally tally;
         Row row;
         uint32_t injected;
         {
@@ -457,28 +523,43 @@ uint32_t quibIntf_sendReq_ntfy(void *user, void *body, uint32_t r1, uint32_t r2,
                              baseName, num, method, r4, r5, prio);
             row = rowOf(s, num, method);
         }
-        std::vector<uint8_t> bytes;
-        uint32_t rc = takeAndSerialize(injected, row, body, bytes);
+        uint8_t *buf;
+        uint32_t len;
+        uint32_t rc = takeAndSerialize(injected, row, body, buf, len, tally);
         if (rc != 0)
             return rc;
 
-        std::vector<Registration> to;
+        // The receivers are copied out, so that handlers may change the
+        // registrations; a few fit on the stack.
+        constexpr size_t kFew = 4;
+        Registration few[kFew];
+        std::vector<Registration> many;
+        size_t n = 0;
         {
             Lock lk(s.mutex);
-            s.stats.notificationsSent++;
-            for (const Registration &r : s.subscribers)
-                if (r.num == num && r.method == method)
-                    to.push_back(r);
+            count(tally, &QuibStubStats::notificationsSent);
+            for (const Registration &r : s.subscribers) {
+                if (r.num != num || r.method != method)
+                    continue;
+                if (n < kFew) {
+                    few[n] = r;
+                } else {
+                    if (n == kFew)
+                        many.assign(few, few + kFew);
+                    many.push_back(r);
+                }
+                ++n;
+            }
         }
+        const Registration *to = n <= kFew ? few : many.data();
         uint32_t first = 0;
-        for (const Registration &r : to) {
-            uint8_t *copy = exactCopy(bytes);
-            rc = copy != nullptr
-                     ? deliver(row, r, user, copy, static_cast<uint32_t>(bytes.size()))
-                     : CORVANE_E_NOMEM;
+        for (size_t i = 0; i < n; ++i) {
+            uint8_t *copy = exactCopy(buf, len, tally);
+            rc = copy != nullptr ? deliver(row, to[i], user, copy, len, tally) : CORVANE_E_NOMEM;
             if (first == 0)
                 first = rc;
         }
+        freeBuffer(buf, tally);
         return first;
     });
 }
@@ -493,7 +574,7 @@ uint32_t quibCore_sendMsgRes(void *ctx, void *body, uint32_t status, uint32_t pr
             return injected;
         QuibStubResponse res = {QUIB_NUM_NONE, QUIB_NUM_NONE, status, prio};
         auto *known = static_cast<const MsgCtx *>(ctx);
-        if (s.liveCtx.count(known) != 0) {
+        if (isLive(s, known)) {
             res.num = known->num;
             res.method = known->method;
         }
@@ -634,7 +715,7 @@ void quibStub_reset(void)
     s.subscribers.clear();
     s.updates.clear();
     s.responses.clear();
-    s.liveCtx.clear();
+    s.liveCtx = nullptr;
     std::memset(s.failures, 0, sizeof s.failures);
     std::memset(s.records, 0, sizeof s.records);
     s.stats = {};
