@@ -1,0 +1,272 @@
+// Hostile bytes from the other side, each with one defined answer: a status,
+// the cursor where the read stopped, and the exact log lines. The bounded
+// readers get the bytes in an exact heap block (AddressSanitizer sees any
+// read past it); where the unbounded reader can take the same bytes without
+// running off them (they are followed by zeros here), its answer is pinned
+// too. "{+n}" in a line stands for the address n bytes into the buffer.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+#include "corvane/base.h"
+#include "corvane/messages.h"
+#include "corvane/records.h"
+#include "support/records.h"
+#include "support/syslog_capture.h"
+#include "support/wire_edit.h"
+
+namespace cvtest {
+namespace {
+
+Bytes words(std::initializer_list<uint32_t> ws) {
+    Bytes out;
+    for (uint32_t w : ws) {
+        out.resize(out.size() + 4);
+        putBe32(&out[out.size() - 4], w);
+    }
+    return out;
+}
+
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+Bytes chars(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+// Replaces each "{+n}" with the address base + n, as the library prints it.
+std::string at(std::string line, const uint8_t* base) {
+    for (size_t open; (open = line.find("{+")) != std::string::npos;) {
+        const size_t close = line.find('}', open);
+        const size_t n = std::stoul(line.substr(open + 2, close - open - 2));
+        line.replace(open, close - open + 1, ptr(base + n));
+    }
+    return line;
+}
+
+std::vector<std::string> at(const std::vector<std::string>& lines, const uint8_t* base) {
+    std::vector<std::string> out;
+    for (const auto& l : lines) out.push_back(at(l, base));
+    return out;
+}
+
+constexpr uint32_t kLineCallMagic = 0x20132509u;  // SetLineCallState
+constexpr uint32_t kFqdnMagic = 0x20161401u;      // SetProfileFQDNServers
+constexpr uint32_t kMakeCallMagic = 0x20140808u;  // OnMakeCall
+const std::string kLineCall = "corVane_lineCallState_unserialize: ";
+const std::string kLineCallBody =
+    "corVane_cbEvtMsgMngt_unserializeBody_msgCmdReq_setLineCallState: ";
+
+struct Answer {
+    uint32_t status;
+    size_t cursor;  // records: where the cursor stops (offset)
+    std::vector<std::string> lines;
+};
+
+struct HostileCase {
+    const char* name;
+    const char* target;  // a record type, or a message's method name
+    Bytes (*input)();
+    Answer bounded;
+    std::optional<Answer> unbounded;  // the callback / unserialize on the bytes then zeros
+};
+
+// A serialised body of a message with an all-zero payload and tag-1 word `word`.
+Bytes bodyWithWord(const char* method, uint32_t word) {
+    const CorVaneMessageInfo* m = corVane_messageByName(method);
+    Bytes out = words({0, 4, m->magic, 1, 4, word});
+    Record payload(m->payload);
+    return out + encode(*m->payload, payload.data());
+}
+
+const HostileCase kCases[] = {
+    // ---- length words -------------------------------------------------------
+    {"U32LengthAllOnes", "lineCallState",
+     [] { return words({3, 0xFFFFFFFFu, 7, 4, 4, 8, 5, 4, 9}); },
+     {4, 0, {kLineCall + "pBody({+0}): Type(3) runs past the end of the buffer: 4294967303 bytes needed, 36 left\n"}},
+     // 8 + length taken on 32 bits moves the cursor 7 bytes, into the value.
+     Answer{4, 7, {kLineCall + "pBody({+0}): Tl(4278190080-117440512) expectded(4)\n",
+                   kLineCall + "pBody({+0}): Type(5) -> Error Before\n"}}},
+    {"U32LengthWrapsTheCursor", "lineCallState",
+     [] { return words({3, 0xFFFFFFF8u, 7, 4, 4, 8, 5, 4, 9}); },
+     {4, 0, {kLineCall + "pBody({+0}): Type(3) runs past the end of the buffer: 4294967296 bytes needed, 36 left\n"}},
+     // 8 + length is 2^32: the cursor does not move, the next field finds tag 3.
+     Answer{4, 0, {kLineCall + "pBody({+0}): Tl(3-4294967288) expectded(4)\n",
+                   kLineCall + "pBody({+0}): Type(5) -> Error Before\n"}}},
+    {"TextLengthAllOnes", "outBoundProxy",
+     [] { return words({3, 0xFFFFFFFFu}) + chars(std::string("abc\0", 4)); },
+     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) runs past the end of the buffer: 4294967303 bytes needed, 12 left\n"}},
+     std::nullopt},
+    // ---- texts ---------------------------------------------------------------
+    {"TextWithoutNulBeforeTheEnd", "outBoundProxy",
+     [] { return words({3, 8}) + chars("abcdefgh"); },
+     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(8 bytes)\n"}},
+     std::nullopt},
+    // ---- counts --------------------------------------------------------------
+    {"CountAllOnesWithoutEntries", "ProfileFQDNServers",
+     [] { return words({3, 4, 9, 4, 4, 0xFFFFFFFFu}); },
+     {4, 24, {"corVane_FQDNServers_unserialize: pBody({+24}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
+     std::nullopt},
+    // ---- short buffers ---------------------------------------------------------
+    {"EmptyRecordBuffer", "lineCallState", [] { return Bytes{}; },
+     {4, 0, {kLineCall + "pBody({+0}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
+     std::nullopt},
+    {"OneByteRecordBuffer", "lineCallState", [] { return Bytes{0}; },
+     {4, 0, {kLineCall + "pBody({+0}): Type(3) runs past the end of the buffer: 8 bytes needed, 1 left\n"}},
+     std::nullopt},
+
+    // ---- message bodies (cursor unused) ------------------------------------------
+    {"EnvelopeWithOnlyTag0", "SetLineCallState", [] { return words({0, 4, kLineCallMagic}); },
+     {4, 0, {kLineCallBody + "pBody({+0}): Type(1) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
+     Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(0-0) expectded(1)\n"}}},
+    {"EmptyBody", "SetLineCallState", [] { return Bytes{}; },
+     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
+     std::nullopt},
+    {"OneByteBody", "SetLineCallState", [] { return Bytes{0}; },
+     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 8 bytes needed, 1 left\n"}},
+     std::nullopt},
+    {"EnvelopeLengthAllOnes", "SetLineCallState",
+     [] { return words({0, 0xFFFFFFFFu, kLineCallMagic, 1, 4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3}); },
+     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 4294967303 bytes needed, 60 left\n"}},
+     std::nullopt},
+    {"EnvelopeLengthWrapsTheCursor", "SetLineCallState",
+     [] { return words({0, 4, kLineCallMagic, 1, 0xFFFFFFF8u, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3}); },
+     {4, 0, {kLineCallBody + "pBody({+0}): Type(1) runs past the end of the buffer: 4294967296 bytes needed, 48 left\n"}},
+     // The cursor stays on the tag-1 element, where the payload's tag 3 is expected.
+     Answer{4, 0, {kLineCall + "pBody({+12}): Tl(1-4294967288) expectded(3)\n",
+                   kLineCall + "pBody({+12}): Type(4) -> Error Before\n",
+                   kLineCall + "pBody({+12}): Type(5) -> Error Before\n"}}},
+    {"BodyTextWithoutNul", "OnMakeCall",
+     [] { return words({0, 4, kMakeCallMagic, 1, 4, 0, 3, 4, 1, 4, 4, 2, 5, 32}) + chars(std::string(32, 'x')); },
+     {4, 0, {"corVane_cbEvtMsgMngt_unserializeBody_msgNtfyReq_onMakeCall: pBody({+24}): Type(5) text has no NUL before the end of the buffer(32 bytes)\n"}},
+     std::nullopt},
+    {"BodyCountAllOnes", "SetProfileFQDNServers",
+     [] { return words({0, 4, kFqdnMagic, 1, 4, 0, 3, 4, 1, 4, 4, 0xFFFFFFFFu}); },
+     {4, 0, {"corVane_FQDNServers_unserialize: pBody({+48}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
+     std::nullopt},
+    // Only the low 16 bits of the tag-1 word count: 0x10001 is SetCapabilities' 1...
+    {"Tag1Word0x10001ForSetCapabilities", "SetCapabilities",
+     [] { return bodyWithWord("SetCapabilities", 0x10001u); }, {0, 0, {}}, Answer{0, 0, {}}},
+    // ... and no other message's 0; refused without a line.
+    {"Tag1Word0x10001ForOthers", "SetLineCallState",
+     [] { return bodyWithWord("SetLineCallState", 0x10001u); }, {2, 0, {}}, Answer{2, 0, {}}},
+};
+
+// GoogleTest names a failing case by this, not by the bytes of the struct.
+void PrintTo(const HostileCase& c, std::ostream* os) { *os << c.name; }
+
+class HardeningHostile : public testing::TestWithParam<HostileCase> {
+protected:
+    void SetUp() override { clearLog(); }
+};
+
+// The unbounded reader's copy: the bytes, then zeros it may look at but
+// never needs.
+Bytes padded(const Bytes& b) {
+    Bytes out = b;
+    out.resize(b.size() + 64, 0);
+    return out;
+}
+
+void checkRecord(const HostileCase& c, const CorVaneSchema* s) {
+    const Bytes input = c.input();
+    ExactBuffer exact(input);
+    Record rec(s);
+    const uint8_t* cursor = exact.data();
+    EXPECT_EQ(c.bounded.status,
+              corVane_record_unserialize_bounded(s, rec.data(), &cursor, exact.data() + exact.size()));
+    EXPECT_EQ(c.bounded.cursor, static_cast<size_t>(cursor - exact.data()));
+    EXPECT_EQ(at(c.bounded.lines, exact.data()), logTextsWithoutLine());
+    for (const LogLine& l : logLines()) EXPECT_EQ(3, l.priority);
+
+    if (!c.unbounded) return;
+    const Bytes copy = padded(input);
+    Record other(s);
+    cursor = copy.data();
+    clearLog();
+    EXPECT_EQ(c.unbounded->status, corVane_record_unserialize(s, other.data(), &cursor));
+    EXPECT_EQ(c.unbounded->cursor, static_cast<size_t>(cursor - copy.data()));
+    EXPECT_EQ(at(c.unbounded->lines, copy.data()), logTextsWithoutLine());
+}
+
+void checkMessage(const HostileCase& c, const CorVaneMessageInfo* m) {
+    const CorVaneMethod& method = (m->intf == CORVANE_INTF_CMD ? corVane_base.cmd.methods
+                                                               : corVane_base.ntfy.methods)[m->index];
+    const Bytes input = c.input();
+    ExactBuffer exact(input);
+    void* body = nullptr;
+    uint32_t size = 0;
+    EXPECT_EQ(c.bounded.status,
+              corVane_unserializeBody_bounded(m, 0, exact.data(), exact.size(), &body, &size));
+    EXPECT_EQ(at(c.bounded.lines, exact.data()), logTextsWithoutLine());
+    for (const LogLine& l : logLines()) EXPECT_EQ(3, l.priority);
+    EXPECT_EQ(c.bounded.status == 0, body != nullptr);
+    if (body) {
+        EXPECT_EQ(m->bodySize, size);
+        method.freeBody(0, body);
+    }
+
+    if (!c.unbounded) return;
+    const Bytes copy = padded(input);
+    body = nullptr;
+    clearLog();
+    EXPECT_EQ(c.unbounded->status, method.unserializeBody(0, copy.data(), &body, &size));
+    EXPECT_EQ(at(c.unbounded->lines, copy.data()), logTextsWithoutLine());
+    EXPECT_EQ(c.unbounded->status == 0, body != nullptr);
+    if (body) method.freeBody(0, body);
+}
+
+TEST_P(HardeningHostile, GetsItsDefinedAnswer) {
+    const HostileCase& c = GetParam();
+    if (const CorVaneSchema* s = corVane_recordSchema(c.target))
+        checkRecord(c, s);
+    else if (const CorVaneMessageInfo* m = corVane_messageByName(c.target))
+        checkMessage(c, m);
+    else
+        FAIL() << "no record or message named " << c.target;
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, HardeningHostile, testing::ValuesIn(kCases),
+                         [](const testing::TestParamInfo<HostileCase>& i) {
+                             return std::string(i.param.name);
+                         });
+
+// A null buffer of a body is refused before anything is read.
+TEST(HardeningHostileEdges, NullBufferIsRefused) {
+    const CorVaneMessageInfo* m = corVane_messageByName("SetLineCallState");
+    void* body = nullptr;
+    uint32_t size = 0;
+    clearLog();
+    EXPECT_EQ(4u, corVane_unserializeBody_bounded(m, 0, nullptr, 0, &body, &size));
+    EXPECT_EQ(nullptr, body);
+    EXPECT_EQ(std::vector<std::string>{kLineCallBody + "Ctx[NULL] text[buffer]\n"},
+              logTextsWithoutLine());
+}
+
+// A count of 0xFFFFFFFF with the 20 entries present is accepted and kept as
+// received; copying and re-encoding it take 20 entries, never more.
+TEST(HardeningHostileEdges, CountAllOnesWithEntriesIsKeptAndBounded) {
+    const CorVaneSchema* s = corVane_recordSchema("ProfileFQDNServers");
+    const CorVaneSchema* entry = corVane_recordSchema("FQDNServers");
+    Record one(entry);
+    Bytes input = words({3, 4, 9, 4, 4, 0xFFFFFFFFu});
+    for (int i = 0; i < 20; ++i) input = input + encode(*entry, one.data());
+    ExactBuffer exact(input);
+    Record rec(s), copy(s);
+    const uint8_t* cursor = exact.data();
+    clearLog();
+    ASSERT_EQ(0u, corVane_record_unserialize_bounded(s, rec.data(), &cursor, exact.data() + exact.size()));
+    EXPECT_EQ(exact.data() + exact.size(), cursor);
+    ASSERT_EQ(0u, corVane_record_copy(s, copy.data(), rec.data()));
+    uint32_t count;
+    std::memcpy(&count, copy.data() + offsetof(ProfileFQDNServers, fqdnServersNumberOfEntries), 4);
+    EXPECT_EQ(0xFFFFFFFFu, count);
+    EXPECT_EQ(input, encode(*s, copy.data()));
+    EXPECT_TRUE(logLines().empty());
+}
+
+}  // namespace
+}  // namespace cvtest
