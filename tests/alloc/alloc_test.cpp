@@ -313,8 +313,8 @@ TEST_F(AllocMessages, EveryTripAllocatesWhatTheInterfacePrescribes) {
         EXPECT_TRUE(live.empty()) << live.size() << " blocks of the trip still allocated";
         EXPECT_EQ(4u, frees);
 
-        // The bodies are malloc'd and zeroed, which the compiler may turn
-        // into one calloc; the buffer is calloc'd.
+        // Bodies and buffer are zeroed blocks: malloc and memset when small,
+        // calloc when large.
         const std::vector<size_t>& lib = made[Who::kLibrary];
         ASSERT_EQ(3u, lib.size()) << describe(events);
         const Event& sent = events[lib[0]];
@@ -322,7 +322,7 @@ TEST_F(AllocMessages, EveryTripAllocatesWhatTheInterfacePrescribes) {
         const Event& received = events[lib[2]];
         EXPECT_NE(Call::kRealloc, sent.call);
         EXPECT_EQ(b.info->bodySize, sent.size);
-        EXPECT_EQ(Call::kCalloc, buffer.call);
+        EXPECT_NE(Call::kRealloc, buffer.call);
         EXPECT_EQ(wire, buffer.size);
         EXPECT_NE(Call::kRealloc, received.call);
         EXPECT_EQ(b.info->bodySize, received.size);
