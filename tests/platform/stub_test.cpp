@@ -18,7 +18,7 @@
 namespace {
 
 using Log = std::vector<std::string>;
-using Words = std::vector<uintptr_t>;
+using Words = std::vector<uint64_t>;  // wide enough for pointers and counters on every host
 constexpr uint16_t kMethods = 3;
 
 struct FakeDesc {
