@@ -52,6 +52,8 @@ struct ArrayCase {
     uint32_t countTag, nextTag, entryElements, capacity;
 };
 
+void PrintTo(const ArrayCase& c, std::ostream* os) { *os << c.record << "." << c.count; }
+
 class CountedArrays : public testing::TestWithParam<ArrayCase> {};
 
 TEST_P(CountedArrays, EntriesFollowTheirCount) {

@@ -182,6 +182,12 @@ struct StatedLength {
     uint32_t length;
 };
 
+// GoogleTest names a case by this rather than by the struct's bytes, padding
+// included.
+void PrintTo(const StatedLength& c, std::ostream* os) {
+    *os << c.record << (c.full ? " full" : " empty") << " " << c.length;
+}
+
 class StatedLengths : public testing::TestWithParam<StatedLength> {};
 
 TEST_P(StatedLengths, Match) {
