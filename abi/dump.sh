@@ -9,3 +9,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 abidw --headers-dir "$here/../include/corvane" --drop-private-types --exported-interfaces-only \
       --no-corpus-path --no-comp-dir-path --no-show-locs --no-parameter-names \
       --type-id-style hash --out-file "$2" "$1"
+# Compilation units are named by their path in the source tree, not on the
+# machine that dumped them.
+root=$(cd "$here/.." && pwd)
+sed -i "s|path='$root/|path='|" "$2"
