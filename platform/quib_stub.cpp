@@ -250,15 +250,23 @@ uint32_t checkDesc(const State &s, const CorVaneIntfDesc *desc, uint16_t method)
     return 0;
 }
 
-void upsert(std::vector<Registration> &regs, const Registration &reg)
+// Records the handler (a) and its argument (b) of one method of a registered
+// table; registering the same user, table and method again replaces the row.
+uint32_t enroll(State &s, std::vector<Registration> &regs, void *user, const void *descPtr,
+                uint16_t method, void *a, void *b)
 {
+    auto *desc = static_cast<const CorVaneIntfDesc *>(descPtr);
+    if (uint32_t rc = checkDesc(s, desc, method); rc != 0)
+        return rc;
+    Registration reg{user, desc->num, method, desc, reinterpret_cast<CorVaneHandler>(a), b};
     for (Registration &r : regs) {
         if (r.user == reg.user && r.num == reg.num && r.method == reg.method) {
             r = reg;
-            return;
+            return 0;
         }
     }
     regs.push_back(reg);
+    return 0;
 }
 
 // Unserialises one receiver's copy (taking it over), calls the receive
@@ -596,12 +604,7 @@ uint32_t quibIntf_modSrv_mthd(void *user, void *a, void *b, void *c, uint32_t ke
                                   ntfyDesc, method, all1, all2);
         if (injected != 0)
             return injected;
-        auto *desc = static_cast<const CorVaneIntfDesc *>(cmdDesc);
-        if (uint32_t rc = checkDesc(s, desc, method); rc != 0)
-            return rc;
-        upsert(s.servers, Registration{user, desc->num, method, desc,
-                                       reinterpret_cast<CorVaneHandler>(a), b});
-        return 0;
+        return enroll(s, s.servers, user, cmdDesc, method, a, b);
     });
 }
 
@@ -639,12 +642,7 @@ uint32_t quibIntf_modCliNtfyUser_mthd(void *user, void *a, void *b, void *c, uin
                                   baseName, cmdDesc, ntfyDesc, method);
         if (injected != 0)
             return injected;
-        auto *desc = static_cast<const CorVaneIntfDesc *>(ntfyDesc);
-        if (uint32_t rc = checkDesc(s, desc, method); rc != 0)
-            return rc;
-        upsert(s.subscribers, Registration{user, desc->num, method, desc,
-                                           reinterpret_cast<CorVaneHandler>(a), b});
-        return 0;
+        return enroll(s, s.subscribers, user, ntfyDesc, method, a, b);
     });
 }
 

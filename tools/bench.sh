@@ -11,21 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-need=(cmake g++ make libbenchmark-dev libprotobuf-dev protobuf-compiler python3)
-missing=()
-for p in "${need[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if (( ${#missing[@]} )); then
-  if [[ $(id -u) == 0 ]] && command -v apt-get >/dev/null; then
-    echo "-- installing: ${missing[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-  else
-    echo "bench: missing Debian packages; run: sudo apt-get install ${missing[*]}" >&2
-    exit 1
-  fi
-fi
+bash tools/ensure-packages.sh cmake g++ make libbenchmark-dev libprotobuf-dev protobuf-compiler python3
 
 if [[ ${1:-} == --no-build ]]; then
   shift
