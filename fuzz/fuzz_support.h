@@ -1,6 +1,6 @@
-// What the fuzz targets and the seed generator share: choosing a record or
-// a message from the first input byte, schema-driven comparison and filling,
-// and the syslog() replacement that counts the library's lines.
+// What the fuzz targets and the seed generator share: choosing a message from
+// the first input byte and the syslog() replacement that counts the library's
+// lines. Comparing and filling records come from the tests' support/records.h.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +10,7 @@
 #include "corvane/base.h"
 #include "corvane/messages.h"
 #include "corvane/schema.h"
+#include "support/records.h"
 
 namespace cvfuzz {
 
@@ -19,16 +20,6 @@ constexpr uint32_t kMessageCount = CORVANE_CMD_COUNT + CORVANE_NTFY_COUNT;
 const CorVaneMessageInfo* messageAt(uint32_t n);
 // Its method entry in corVane_base (the callbacks the middleware calls).
 const CorVaneMethod& methodOf(const CorVaneMessageInfo& m);
-
-// The first difference between the meaningful contents of two records: words,
-// texts as strings (up to the NUL or the capacity), nested records, and the
-// first min(count, capacity) entries of counted arrays. Empty when equal.
-std::string firstDifference(const CorVaneSchema& s, const void* a, const void* b);
-
-// Fills a record: every word distinct, texts of `textLength(capacity)`
-// characters, counts of counted arrays as `count(capacity)` returns.
-enum class Fill { kEmpty, kFull, kShort };
-void fillRecord(const CorVaneSchema& s, void* rec, Fill how);
 
 // Lines the library sent to syslog() since the last reset, and whether one of
 // them reported a read that would have run past the end of the buffer.

@@ -2,14 +2,15 @@
 //   <dir>/record/<Record>-<fill>    record index byte, then the record's encoding
 //   <dir>/message/<Method>-<fill>   message index byte (commands, then
 //                                   notifications), then the serialised body
-// for empty instances, instances with short texts and one entry per counted
-// array, and full ones (texts at capacity - 1, counts at capacity). Every
-// seed is read back with the bounded reader before it is written.
+// for empty instances, random ones (texts of random length, counts up to two
+// above capacity) and full ones (texts at capacity - 1, counts at capacity).
+// Every record seed is read back and compared before it is written.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -18,12 +19,21 @@
 namespace {
 
 namespace fs = std::filesystem;
-using cvfuzz::Fill;
-
+enum class Fill { kEmpty, kRandom, kFull };
 const struct {
     Fill how;
     const char* name;
-} kFills[] = {{Fill::kEmpty, "empty"}, {Fill::kShort, "short"}, {Fill::kFull, "full"}};
+} kFills[] = {{Fill::kEmpty, "empty"}, {Fill::kRandom, "random"}, {Fill::kFull, "full"}};
+
+// Fills a zeroed record as `how` asks; the random content depends only on `seed`.
+void fillRecord(const CorVaneSchema& s, void* rec, Fill how, uint32_t seed) {
+    if (how == Fill::kFull) {
+        cvtest::fillFull(s, rec, seed, cvtest::Counts::kCapacity);
+    } else if (how == Fill::kRandom) {
+        std::mt19937 rng(seed);
+        cvtest::fillRandom(s, rec, rng);
+    }
+}
 
 void write(const fs::path& file, uint8_t selector, const uint8_t* bytes, size_t length) {
     std::ofstream out(file, std::ios::binary);
@@ -38,13 +48,13 @@ size_t recordSeeds(const fs::path& dir) {
         const CorVaneSchema& s = *corVane_recordSchemaAt(i);
         for (const auto& fill : kFills) {
             std::vector<uint8_t> rec(s.size), back(s.size);
-            cvfuzz::fillRecord(s, rec.data(), fill.how);
+            fillRecord(s, rec.data(), fill.how, i + 1);
             std::vector<uint8_t> wire(corVane_record_serialize_lg(&s, rec.data()));
             uint8_t* out = wire.data();
             const uint8_t* in = wire.data();
             if (corVane_record_serialize(&s, rec.data(), &out) != 0 ||
                 corVane_record_unserialize_bounded(&s, back.data(), &in, wire.data() + wire.size()) != 0 ||
-                !cvfuzz::firstDifference(s, rec.data(), back.data()).empty())
+                !cvtest::diff(s, rec.data(), back.data()).empty())
                 cvfuzz::fail("record seed does not round-trip:", s.name);
             write(dir / (std::string(s.name) + "-" + fill.name), static_cast<uint8_t>(i), wire.data(),
                   wire.size());
@@ -62,7 +72,7 @@ size_t messageSeeds(const fs::path& dir) {
         for (const auto& fill : kFills) {
             void* body = std::calloc(1, m.bodySize);
             std::memcpy(body, &m.magic, 4);
-            cvfuzz::fillRecord(*m.payload, corVane_bodyPayload(body), fill.how);
+            fillRecord(*m.payload, corVane_bodyPayload(body), fill.how, n + 1);
             uint8_t* bytes = nullptr;
             uint32_t length = 0;
             void* back = nullptr;

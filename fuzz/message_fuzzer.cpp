@@ -57,7 +57,7 @@ void roundTrip(const CorVaneMessageInfo& m, void* body) {
     if (size != m.bodySize || static_cast<CorVaneMsgBody*>(back)->ref != 0)
         fail("re-decoded body size or ref", m.name);
     const std::string d =
-        cvfuzz::firstDifference(*m.payload, corVane_bodyPayload(body), corVane_bodyPayload(back));
+        cvtest::diff(*m.payload, corVane_bodyPayload(body), corVane_bodyPayload(back));
     if (!d.empty()) fail("round trip changed a field:", d);
 
     Serialized second;

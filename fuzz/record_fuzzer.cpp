@@ -62,7 +62,7 @@ void roundTrip(Slot& slot) {
                                            exact.get() + wire.size()) != 0)
         fail("re-encoding refused", s.name);
     if (cursor != exact.get() + wire.size()) fail("re-encoding not read whole", s.name);
-    const std::string d = cvfuzz::firstDifference(s, slot.bounded.get(), slot.back.get());
+    const std::string d = cvtest::diff(s, slot.bounded.get(), slot.back.get());
     if (!d.empty()) fail("round trip changed a field:", d);
     if (serialize(s, slot.back.get()) != wire) fail("second encoding differs", s.name);
 }
