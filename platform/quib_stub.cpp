@@ -51,6 +51,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -269,12 +270,44 @@ uint32_t enroll(State &s, std::vector<Registration> &regs, void *user, const voi
     return 0;
 }
 
+// Holds a context on the list of those under delivery, so that responses
+// sent under it reach the record of responses. Made with the lock held; its
+// end takes the context back and adds the send's tally to the counters in
+// the same locked section.
+class LiveCtx {
+public:
+    LiveCtx(State &s, Tally &t, const Registration &to, void *sender)
+        : s_(s), t_(t), ctx_{to.num, to.method, sender, to.user, s.liveCtx}
+    {
+        s.liveCtx = &ctx_;
+    }
+    LiveCtx(const LiveCtx &) = delete;
+    LiveCtx &operator=(const LiveCtx &) = delete;
+    ~LiveCtx()
+    {
+        Lock lk(s_.mutex);
+        for (MsgCtx **p = &s_.liveCtx; *p != nullptr; p = &(*p)->next) {
+            if (*p == &ctx_) {
+                *p = ctx_.next;
+                break;
+            }
+        }
+        t_.flush(s_);
+    }
+    MsgCtx *get() { return &ctx_; }
+
+private:
+    State &s_;
+    Tally &t_;
+    MsgCtx ctx_;
+};
+
 // Unserialises one receiver's copy (taking it over), calls the receive
-// function with the registered handler and releases the received body.
-uint32_t deliver(const Row &row, const Registration &to, void *sender, uint8_t *copy,
+// function with the registered handler under ctx and releases the received
+// body. Takes no lock.
+uint32_t deliver(MsgCtx *ctx, const Row &row, const Registration &to, uint8_t *copy,
                  uint32_t len, Tally &t)
 {
-    State &s = st();
     void *rbody = nullptr;
     uint32_t size = len;
     uint32_t rc = row.unserialize != nullptr
@@ -288,29 +321,9 @@ uint32_t deliver(const Row &row, const Registration &to, void *sender, uint8_t *
     }
     if (rbody != nullptr)
         count(t, &QuibStubStats::bodiesTaken);
-
-    MsgCtx ctx = {to.num, to.method, sender, to.user, nullptr};
-    CorVaneRecvFn recv = corVane_intfMethods(to.desc)[to.method].recv;
-    if (recv != nullptr) {
-        {
-            Lock lk(s.mutex);
-            ctx.next = s.liveCtx;
-            s.liveCtx = &ctx;
-        }
-        recv(&ctx, rbody, to.handler, to.arg);
+    if (CorVaneRecvFn recv = corVane_intfMethods(to.desc)[to.method].recv) {
+        recv(ctx, rbody, to.handler, to.arg);
         count(t, &QuibStubStats::deliveries);
-        // The body goes before the context is taken back, so that one
-        // locked section does both that and the counting.
-        releaseBody(row, rbody, t);
-        Lock lk(s.mutex);
-        for (MsgCtx **p = &s.liveCtx; *p != nullptr; p = &(*p)->next) {
-            if (*p == &ctx) {
-                *p = ctx.next;
-                break;
-            }
-        }
-        t.flush(s);
-        return 0;
     }
     releaseBody(row, rbody, t);
     return 0;
@@ -464,6 +477,21 @@ void *quibIntf_getCore_user(void *user)
 
 // ---- sending ---------------------------------------------------------------
 
+// The server registered for (num, method) by the user of that name.
+const Registration *serverOf(const State &s, uint16_t num, uint16_t method, const char *userName)
+{
+    if (userName == nullptr)
+        return nullptr;
+    for (const Registration &r : s.servers) {
+        if (r.num != num || r.method != method)
+            continue;
+        auto u = s.users.find(r.user);
+        if (u != s.users.end() && u->second->name == userName)
+            return &r;
+    }
+    return nullptr;
+}
+
 uint32_t quibCore_sendMsgReq_toNameUser(void *coreUser, void *body, uint32_t r1, uint32_t r2,
                                         uint32_t r3, void *arg, const char *userName,
                                         uint16_t num, uint16_t method, uint16_t all,
@@ -474,11 +502,19 @@ uint32_t quibCore_sendMsgReq_toNameUser(void *coreUser, void *body, uint32_t r1,
         Tally tally;
         Row row;
         uint32_t injected;
+        Registration to = {};
+        // The server's context is live from here to the end of the send: a
+        // request then takes the lock twice, here and when it is over.
+        std::optional<LiveCtx> live;
         {
             Lock lk(s.mutex);
             injected = enter(s, QUIB_STUB_SEND_REQ, coreUser, body, r1, r2, r3, arg, userName,
                              num, method, all, prio);
             row = rowOf(s, num, method);
+            if (const Registration *server = serverOf(s, num, method, userName)) {
+                to = *server;
+                live.emplace(s, tally, to, coreUser);
+            }
         }
         uint8_t *buf;
         uint32_t len;
@@ -489,30 +525,13 @@ uint32_t quibCore_sendMsgReq_toNameUser(void *coreUser, void *body, uint32_t r1,
         freeBuffer(buf, tally);
         if (copy == nullptr)
             return CORVANE_E_NOMEM;
-
-        Registration to = {};
-        bool found = false;
-        {
-            Lock lk(s.mutex);
-            for (const Registration &r : s.servers) {
-                if (r.num != num || r.method != method || userName == nullptr)
-                    continue;
-                auto u = s.users.find(r.user);
-                if (u != s.users.end() && u->second->name == userName) {
-                    to = r;
-                    found = true;
-                    break;
-                }
-            }
-            if (found)
-                count(tally, &QuibStubStats::requestsSent);
-        }
-        if (!found) {
+        if (!live) {
             std::free(copy);
             count(tally, &QuibStubStats::buffersFreed);
             return QUIB_STUB_E_NO_SERVER;
         }
-        return deliver(row, to, coreUser, copy, len, tally);
+        count(tally, &QuibStubStats::requestsSent);
+        return deliver(live->get(), row, to, copy, len, tally);
     });
 }
 
@@ -563,7 +582,16 @@ uint32_t quibIntf_sendReq_ntfy(void *user, void *body, uint32_t r1, uint32_t r2,
         uint32_t first = 0;
         for (size_t i = 0; i < n; ++i) {
             uint8_t *copy = exactCopy(buf, len, tally);
-            rc = copy != nullptr ? deliver(row, to[i], user, copy, len, tally) : CORVANE_E_NOMEM;
+            if (copy == nullptr) {
+                rc = CORVANE_E_NOMEM;
+            } else {
+                std::optional<LiveCtx> live;
+                {
+                    Lock lk(s.mutex);
+                    live.emplace(s, tally, to[i], user);
+                }
+                rc = deliver(live->get(), row, to[i], copy, len, tally);
+            }
             if (first == 0)
                 first = rc;
         }
