@@ -102,34 +102,6 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(i.param.record) + "_" + i.param.count;
     });
 
-// Three empty tables: just the three count elements, tags 3, 5 and 7.
-TEST(ArrayCases, ThreeEmptyRingerTablesAreThirtySixBytes) {
-    LineRinger r{};
-    const Bytes wire = encode(*corVane_recordSchema("LineRinger"), &r);
-    ASSERT_EQ(36u, wire.size());
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(3u + 2 * i, be32(&wire[12 * i]));
-        EXPECT_EQ(4u, be32(&wire[12 * i + 4]));
-        EXPECT_EQ(0u, be32(&wire[12 * i + 8]));
-    }
-}
-
-// A copy writes at most `capacity` entries whatever the count says, and
-// keeps the count.
-TEST(ArrayCases, CopyOfAnOverfullArrayStopsAtTheCapacity) {
-    auto* src = new VoiceProfile{};
-    auto* dst = new VoiceProfile{};
-    src->digitMapNumberOfEntries = 41;
-    for (int i = 0; i < 40; ++i) src->digitMaps[i].digitMapValue1 = 1000u + static_cast<uint32_t>(i);
-    std::memset(src->digitMaps[0].digitMap, 'd', sizeof src->digitMaps[0].digitMap);
-    ASSERT_EQ(0u, corVane_VoiceProfile_copy(dst, src));
-    EXPECT_EQ(41u, dst->digitMapNumberOfEntries);
-    EXPECT_EQ(1039u, dst->digitMaps[39].digitMapValue1);
-    EXPECT_EQ(4095u, std::strlen(dst->digitMaps[0].digitMap));
-    delete src;
-    delete dst;
-}
-
 // PhyInterface writes its fxs settings before its isdn settings; a stream
 // with the two swapped fails inside the fxs reader.
 TEST(InlineChildren, SwappedFxsAndIsdnAreRefused) {

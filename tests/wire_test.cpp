@@ -97,28 +97,6 @@ TEST(Wire, WrongTagAtSecondField) {
               logTextsWithoutLine());
 }
 
-// A count above the capacity is written and stored as it is; only
-// `capacity` entries follow.
-TEST(Wire, CountAboveCapacityIsKeptButBounded) {
-    auto* pf = new ProfileFQDNServers{};
-    pf->profileIndex = 9;
-    pf->fqdnServersNumberOfEntries = 25;
-    for (int i = 0; i < 20; ++i) pf->fqdnServers[i].serverValue1 = 100u + static_cast<uint32_t>(i);
-    const uint32_t entry = 84;  // two empty texts and five words
-    ASSERT_EQ(24u + 20u * entry, corVane_ProfileFQDNServers_serialize_lg(pf));
-    Bytes out(24 + 20 * entry);
-    uint8_t* cur = out.data();
-    ASSERT_EQ(0u, corVane_ProfileFQDNServers_serialize(pf, &cur));
-    EXPECT_EQ(25u, be32(out.data() + 20));
-    auto* back = new ProfileFQDNServers{};
-    const uint8_t* in = out.data();
-    ASSERT_EQ(0u, corVane_ProfileFQDNServers_unserialize_bounded(back, &in, out.data() + out.size()));
-    EXPECT_EQ(25u, back->fqdnServersNumberOfEntries);
-    EXPECT_EQ(119u, back->fqdnServers[19].serverValue1);
-    delete pf;
-    delete back;
-}
-
 // Inline records and arrays write no element of their own: in
 // registrationStatus the registrar's text (its own tag 3) follows tag 6, and
 // the parent's text (tag 8) follows the registrar's tag 5.
