@@ -1,9 +1,10 @@
 // Hostile bytes from the other side, each with one defined answer: a status,
 // the cursor where the read stopped, and the exact log lines. The bounded
 // readers get the bytes in an exact heap block (AddressSanitizer sees any
-// read past it); where the unbounded reader can take the same bytes without
-// running off them (they are followed by zeros here), its answer is pinned
-// too. "{+n}" in a line stands for the address n bytes into the buffer.
+// read past it); where the unbounded reader can take the same bytes followed
+// by zeros without running off them, its answer is pinned too. "{+n}" in a
+// line stands for the address n bytes into the buffer. README.md's table of
+// hostile input is drawn from these cases.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -38,19 +39,13 @@ Bytes operator+(Bytes a, const Bytes& b) {
 Bytes chars(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 // Replaces each "{+n}" with the address base + n, as the library prints it.
-std::string at(std::string line, const uint8_t* base) {
-    for (size_t open; (open = line.find("{+")) != std::string::npos;) {
-        const size_t close = line.find('}', open);
-        const size_t n = std::stoul(line.substr(open + 2, close - open - 2));
-        line.replace(open, close - open + 1, ptr(base + n));
-    }
-    return line;
-}
-
-std::vector<std::string> at(const std::vector<std::string>& lines, const uint8_t* base) {
-    std::vector<std::string> out;
-    for (const auto& l : lines) out.push_back(at(l, base));
-    return out;
+std::vector<std::string> at(std::vector<std::string> lines, const uint8_t* base) {
+    for (std::string& line : lines)
+        for (size_t open; (open = line.find("{+")) != std::string::npos;) {
+            const size_t close = line.find('}', open);
+            line.replace(open, close - open + 1, ptr(base + std::stoul(line.substr(open + 2))));
+        }
+    return lines;
 }
 
 constexpr uint32_t kLineCallMagic = 0x20132509u;  // SetLineCallState
@@ -71,7 +66,8 @@ struct HostileCase {
     const char* target;  // a record type, or a message's method name
     Bytes (*input)();
     Answer bounded;
-    std::optional<Answer> unbounded;  // the callback / unserialize on the bytes then zeros
+    // The classic reader on the bytes then zeros; {} where it would run off them.
+    std::optional<Answer> unbounded;
 };
 
 // A serialised body of a message with an all-zero payload and tag-1 word `word`.
@@ -98,40 +94,32 @@ const HostileCase kCases[] = {
                    kLineCall + "pBody({+0}): Type(5) -> Error Before\n"}}},
     {"TextLengthAllOnes", "outBoundProxy",
      [] { return words({3, 0xFFFFFFFFu}) + chars(std::string("abc\0", 4)); },
-     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) runs past the end of the buffer: 4294967303 bytes needed, 12 left\n"}},
-     std::nullopt},
+     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) runs past the end of the buffer: 4294967303 bytes needed, 12 left\n"}}, {}},
     // ---- texts ---------------------------------------------------------------
     {"TextWithoutNulBeforeTheEnd", "outBoundProxy",
      [] { return words({3, 8}) + chars("abcdefgh"); },
-     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(8 bytes)\n"}},
-     std::nullopt},
+     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(8 bytes)\n"}}, {}},
     // ---- counts --------------------------------------------------------------
     {"CountAllOnesWithoutEntries", "ProfileFQDNServers",
      [] { return words({3, 4, 9, 4, 4, 0xFFFFFFFFu}); },
-     {4, 24, {"corVane_FQDNServers_unserialize: pBody({+24}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
-     std::nullopt},
+     {4, 24, {"corVane_FQDNServers_unserialize: pBody({+24}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
     // ---- short buffers ---------------------------------------------------------
     {"EmptyRecordBuffer", "lineCallState", [] { return Bytes{}; },
-     {4, 0, {kLineCall + "pBody({+0}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
-     std::nullopt},
+     {4, 0, {kLineCall + "pBody({+0}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
     {"OneByteRecordBuffer", "lineCallState", [] { return Bytes{0}; },
-     {4, 0, {kLineCall + "pBody({+0}): Type(3) runs past the end of the buffer: 8 bytes needed, 1 left\n"}},
-     std::nullopt},
+     {4, 0, {kLineCall + "pBody({+0}): Type(3) runs past the end of the buffer: 8 bytes needed, 1 left\n"}}, {}},
 
     // ---- message bodies (cursor unused) ------------------------------------------
     {"EnvelopeWithOnlyTag0", "SetLineCallState", [] { return words({0, 4, kLineCallMagic}); },
      {4, 0, {kLineCallBody + "pBody({+0}): Type(1) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
      Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(0-0) expectded(1)\n"}}},
     {"EmptyBody", "SetLineCallState", [] { return Bytes{}; },
-     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
-     std::nullopt},
+     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
     {"OneByteBody", "SetLineCallState", [] { return Bytes{0}; },
-     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 8 bytes needed, 1 left\n"}},
-     std::nullopt},
+     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 8 bytes needed, 1 left\n"}}, {}},
     {"EnvelopeLengthAllOnes", "SetLineCallState",
      [] { return words({0, 0xFFFFFFFFu, kLineCallMagic, 1, 4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3}); },
-     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 4294967303 bytes needed, 60 left\n"}},
-     std::nullopt},
+     {4, 0, {kLineCallBody + "pBody({+0}): Type(0) runs past the end of the buffer: 4294967303 bytes needed, 60 left\n"}}, {}},
     {"EnvelopeLengthWrapsTheCursor", "SetLineCallState",
      [] { return words({0, 4, kLineCallMagic, 1, 0xFFFFFFF8u, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3}); },
      {4, 0, {kLineCallBody + "pBody({+0}): Type(1) runs past the end of the buffer: 4294967296 bytes needed, 48 left\n"}},
@@ -141,12 +129,10 @@ const HostileCase kCases[] = {
                    kLineCall + "pBody({+12}): Type(5) -> Error Before\n"}}},
     {"BodyTextWithoutNul", "OnMakeCall",
      [] { return words({0, 4, kMakeCallMagic, 1, 4, 0, 3, 4, 1, 4, 4, 2, 5, 32}) + chars(std::string(32, 'x')); },
-     {4, 0, {"corVane_cbEvtMsgMngt_unserializeBody_msgNtfyReq_onMakeCall: pBody({+24}): Type(5) text has no NUL before the end of the buffer(32 bytes)\n"}},
-     std::nullopt},
+     {4, 0, {"corVane_cbEvtMsgMngt_unserializeBody_msgNtfyReq_onMakeCall: pBody({+24}): Type(5) text has no NUL before the end of the buffer(32 bytes)\n"}}, {}},
     {"BodyCountAllOnes", "SetProfileFQDNServers",
      [] { return words({0, 4, kFqdnMagic, 1, 4, 0, 3, 4, 1, 4, 4, 0xFFFFFFFFu}); },
-     {4, 0, {"corVane_FQDNServers_unserialize: pBody({+48}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}},
-     std::nullopt},
+     {4, 0, {"corVane_FQDNServers_unserialize: pBody({+48}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
     // Only the low 16 bits of the tag-1 word count: 0x10001 is SetCapabilities' 1...
     {"Tag1Word0x10001ForSetCapabilities", "SetCapabilities",
      [] { return bodyWithWord("SetCapabilities", 0x10001u); }, {0, 0, {}}, Answer{0, 0, {}}},
@@ -158,75 +144,52 @@ const HostileCase kCases[] = {
 // GoogleTest names a failing case by this, not by the bytes of the struct.
 void PrintTo(const HostileCase& c, std::ostream* os) { *os << c.name; }
 
-class HardeningHostile : public testing::TestWithParam<HostileCase> {
-protected:
-    void SetUp() override { clearLog(); }
-};
-
-// The unbounded reader's copy: the bytes, then zeros it may look at but
-// never needs.
-Bytes padded(const Bytes& b) {
-    Bytes out = b;
-    out.resize(b.size() + 64, 0);
-    return out;
-}
-
-void checkRecord(const HostileCase& c, const CorVaneSchema* s) {
-    const Bytes input = c.input();
-    ExactBuffer exact(input);
-    Record rec(s);
-    const uint8_t* cursor = exact.data();
-    EXPECT_EQ(c.bounded.status,
-              corVane_record_unserialize_bounded(s, rec.data(), &cursor, exact.data() + exact.size()));
-    EXPECT_EQ(c.bounded.cursor, static_cast<size_t>(cursor - exact.data()));
-    EXPECT_EQ(at(c.bounded.lines, exact.data()), logTextsWithoutLine());
-    for (const LogLine& l : logLines()) EXPECT_EQ(3, l.priority);
-
-    if (!c.unbounded) return;
-    const Bytes copy = padded(input);
-    Record other(s);
-    cursor = copy.data();
+// Runs the target on `n` bytes at `p`, bounded to their end or not, and
+// checks the status, the cursor (records only) and the lines at LOG_ERR.
+void expectAnswer(const char* target, const uint8_t* p, size_t n, bool bounded, const Answer& want) {
     clearLog();
-    EXPECT_EQ(c.unbounded->status, corVane_record_unserialize(s, other.data(), &cursor));
-    EXPECT_EQ(c.unbounded->cursor, static_cast<size_t>(cursor - copy.data()));
-    EXPECT_EQ(at(c.unbounded->lines, copy.data()), logTextsWithoutLine());
-}
-
-void checkMessage(const HostileCase& c, const CorVaneMessageInfo* m) {
-    const CorVaneMethod& method = (m->intf == CORVANE_INTF_CMD ? corVane_base.cmd.methods
-                                                               : corVane_base.ntfy.methods)[m->index];
-    const Bytes input = c.input();
-    ExactBuffer exact(input);
-    void* body = nullptr;
-    uint32_t size = 0;
-    EXPECT_EQ(c.bounded.status,
-              corVane_unserializeBody_bounded(m, 0, exact.data(), exact.size(), &body, &size));
-    EXPECT_EQ(at(c.bounded.lines, exact.data()), logTextsWithoutLine());
-    for (const LogLine& l : logLines()) EXPECT_EQ(3, l.priority);
-    EXPECT_EQ(c.bounded.status == 0, body != nullptr);
-    if (body) {
-        EXPECT_EQ(m->bodySize, size);
-        method.freeBody(0, body);
+    uint32_t status;
+    size_t cursor = 0;
+    if (const CorVaneSchema* s = corVane_recordSchema(target)) {
+        Record rec(s);
+        const uint8_t* cur = p;
+        status = bounded ? corVane_record_unserialize_bounded(s, rec.data(), &cur, p + n)
+                         : corVane_record_unserialize(s, rec.data(), &cur);
+        cursor = static_cast<size_t>(cur - p);
+    } else {
+        const CorVaneMessageInfo* m = corVane_messageByName(target);
+        ASSERT_NE(nullptr, m) << "no record or message named " << target;
+        const CorVaneMethod& method =
+            (m->intf ? corVane_base.ntfy.methods : corVane_base.cmd.methods)[m->index];
+        void* body = nullptr;
+        uint32_t size = 0;
+        status = bounded ? corVane_unserializeBody_bounded(m, 0, p, n, &body, &size)
+                         : method.unserializeBody(0, p, &body, &size);
+        EXPECT_EQ(status == 0, body != nullptr);
+        if (body) {
+            EXPECT_EQ(m->bodySize, size);
+            method.freeBody(0, body);
+        }
     }
-
-    if (!c.unbounded) return;
-    const Bytes copy = padded(input);
-    body = nullptr;
-    clearLog();
-    EXPECT_EQ(c.unbounded->status, method.unserializeBody(0, copy.data(), &body, &size));
-    EXPECT_EQ(at(c.unbounded->lines, copy.data()), logTextsWithoutLine());
-    EXPECT_EQ(c.unbounded->status == 0, body != nullptr);
-    if (body) method.freeBody(0, body);
+    EXPECT_EQ(want.status, status);
+    EXPECT_EQ(want.cursor, cursor);
+    EXPECT_EQ(at(want.lines, p), logTextsWithoutLine());
+    for (const LogLine& l : logLines()) EXPECT_EQ(3, l.priority);
 }
+
+class HardeningHostile : public testing::TestWithParam<HostileCase> {};
 
 TEST_P(HardeningHostile, GetsItsDefinedAnswer) {
     const HostileCase& c = GetParam();
-    if (const CorVaneSchema* s = corVane_recordSchema(c.target))
-        checkRecord(c, s);
-    else if (const CorVaneMessageInfo* m = corVane_messageByName(c.target))
-        checkMessage(c, m);
-    else
-        FAIL() << "no record or message named " << c.target;
+    const Bytes input = c.input();
+    ExactBuffer exact(input);
+    expectAnswer(c.target, exact.data(), exact.size(), true, c.bounded);
+    if (!c.unbounded) return;
+    // The unbounded reader gets the bytes, then zeros it may look at but never needs.
+    Bytes padded = input;
+    padded.resize(input.size() + 64, 0);
+    SCOPED_TRACE("unbounded");
+    expectAnswer(c.target, padded.data(), padded.size(), false, *c.unbounded);
 }
 
 INSTANTIATE_TEST_SUITE_P(Inputs, HardeningHostile, testing::ValuesIn(kCases),
@@ -236,14 +199,9 @@ INSTANTIATE_TEST_SUITE_P(Inputs, HardeningHostile, testing::ValuesIn(kCases),
 
 // A null buffer of a body is refused before anything is read.
 TEST(HardeningHostileEdges, NullBufferIsRefused) {
-    const CorVaneMessageInfo* m = corVane_messageByName("SetLineCallState");
-    void* body = nullptr;
-    uint32_t size = 0;
-    clearLog();
-    EXPECT_EQ(4u, corVane_unserializeBody_bounded(m, 0, nullptr, 0, &body, &size));
-    EXPECT_EQ(nullptr, body);
-    EXPECT_EQ(std::vector<std::string>{kLineCallBody + "Ctx[NULL] text[buffer]\n"},
-              logTextsWithoutLine());
+    for (bool bounded : {true, false})
+        expectAnswer("SetLineCallState", nullptr, 0, bounded,
+                     {4, 0, {kLineCallBody + "Ctx[NULL] text[buffer]\n"}});
 }
 
 // A count of 0xFFFFFFFF with the 20 entries present is accepted and kept as
