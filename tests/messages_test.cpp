@@ -429,7 +429,8 @@ TEST_F(Messages, MakeCallTextsAreCutToTheirField) {
     Inbox in{Record(bindings()[19 + 27].info->payload)};
     ASSERT_EQ(0u, corVane_modCliNtfyUser_recvMsg_onMakeCall(voice, kDeliver, &in, nullptr, "bus", "voice"));
     corVane_sendReq_ntfyOnMakeCall(mgmt, nullptr, nullptr, 7, 8, std::string(40, 'k').c_str(), nullptr, "x");
-    const auto& got = *reinterpret_cast<const CorVaneMakeCall*>(in.got.data());
+    CorVaneMakeCall got;
+    std::memcpy(&got, in.got.data(), sizeof got);
     ASSERT_EQ(1, in.calls);
     EXPECT_EQ(7u, got.value1);
     EXPECT_EQ(8u, got.value2);
