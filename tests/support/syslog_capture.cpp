@@ -32,12 +32,7 @@ void clearLog() {
     lines().clear();
 }
 
-std::vector<std::string> logTexts() {
-    std::vector<std::string> out;
-    for (const auto& l : lines()) out.push_back(l.text);
-    return out;
-}
-
+namespace {
 std::string withoutLine(const std::string& text) {
     const std::string prefix = "[CORVANE] -> ";
     if (text.compare(0, prefix.size(), prefix) != 0) return text;
@@ -46,6 +41,7 @@ std::string withoutLine(const std::string& text) {
     if (open == std::string::npos || close == std::string::npos) return text;
     return text.substr(prefix.size(), open - prefix.size()) + ": " + text.substr(close + 3);
 }
+}  // namespace
 
 std::vector<std::string> logTextsWithoutLine() {
     std::vector<std::string> out;

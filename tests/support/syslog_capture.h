@@ -15,13 +15,11 @@ struct LogLine {
 const std::vector<LogLine>& logLines();
 void clearLog();
 
-// The texts only, oldest first.
-std::vector<std::string> logTexts();
-
-// A line with the function and line number replaced by `func`, for tests that
-// compare exact texts without pinning source line numbers:
+// The texts, oldest first, with the prefix and the source line number taken
+// out, for tests that compare exact texts without pinning line numbers:
 // "[CORVANE] -> corVane_X_unserialize(123): Tl..." -> "corVane_X_unserialize: Tl...".
-std::string withoutLine(const std::string& text);
+// A line without the "[CORVANE] -> name(n): " prefix is kept whole, so it
+// cannot match an expected text.
 std::vector<std::string> logTextsWithoutLine();
 
 }  // namespace cvtest
