@@ -38,11 +38,6 @@ protected:
     void TearDown() override { resetBase(); }
     static uintptr_t arg(QuibStubCall c, int i) { return quibStub_lastCall(c)->args[i]; }
     static uint32_t calls(QuibStubCall c) { return quibStub_lastCall(c)->calls; }
-    // The arguments of the last call of a kind, as many as it took.
-    static std::vector<uintptr_t> args(QuibStubCall c) {
-        const QuibStubCallRecord* r = quibStub_lastCall(c);
-        return {r->args, r->args + r->argCount};
-    }
 };
 
 TEST_F(Base, IsStaticallyInitialisedAsTheMiddlewareReadsIt) {
@@ -85,7 +80,7 @@ TEST_F(Base, AddBaseFillsBothTablesAndRegistersTheEventCallback) {
             EXPECT_EQ(0, std::memcmp(&in.methods[i].recvRes, &r[i], sizeof r[i])) << i;
     }
     EXPECT_EQ((std::vector<uintptr_t>{reinterpret_cast<uintptr_t>(&corVane_cbEvtBase), w(&corVane_base)}),
-              args(QUIB_STUB_ADD_EVT));
+              lastArgs(QUIB_STUB_ADD_EVT));
     // The last table asked for is the notification interface's, by name and size.
     EXPECT_EQ(w(corVane_base.ntfy.name), arg(QUIB_STUB_GET_BASE, 0));
     EXPECT_EQ(30u, arg(QUIB_STUB_GET_BASE, 2));
@@ -218,7 +213,7 @@ TEST_F(Base, RegUserFollowsTheSelector) {
         EXPECT_EQ(before + c.cmd + c.ntfy, calls(QUIB_STUB_REG_USER));
         if (c.cmd || c.ntfy) {
             EXPECT_EQ((std::vector<uintptr_t>{w(u), w(&a), w(&r), c.ntfy ? ntfy : cmd, 0xffff, 0}),
-                      args(QUIB_STUB_REG_USER));
+                      lastArgs(QUIB_STUB_REG_USER));
         }
         EXPECT_EQ(0u, corVane_unregUser_msgMngt(u, c.selector));
         EXPECT_FALSE(quibStub_isRegistered(u, cmd) || quibStub_isRegistered(u, ntfy));
@@ -253,7 +248,7 @@ TEST_F(Base, RegistrationFailuresStopAndLog) {
 TEST_F(Base, LookupAndDebugWord) {
     int a = 0, b = 0, d = 0;
     EXPECT_EQ(&a, corVane_findSrvMthdNtfyUser(&a, &b, 17, &d));
-    EXPECT_EQ((std::vector<uintptr_t>{w(&a), w(&b), w(corVane_base.name), 17, w(&d)}), args(QUIB_STUB_FIND));
+    EXPECT_EQ((std::vector<uintptr_t>{w(&a), w(&b), w(corVane_base.name), 17, w(&d)}), lastArgs(QUIB_STUB_FIND));
     corVane_modDebug(0xabcdu);
     EXPECT_EQ(0xabcdu, corVane_base.debug);
 }

@@ -90,14 +90,12 @@ TEST(HardeningAlignmentBodies, EveryMessageAtEveryShift) {
     clearLog();
     for (const Binding& b : bindings()) {
         SCOPED_TRACE(b.info->name);
-        auto* body = static_cast<uint8_t*>(std::calloc(1, b.info->bodySize));
-        std::memcpy(body, &b.info->magic, 4);
-        fillFull(*b.info->payload, body + 8, 22, Counts::kCapacity);
-        uint8_t* out = nullptr;
-        uint32_t length = 0;
-        ASSERT_EQ(0u, b.serializeBody(0, body, &out, &length));
-        const Bytes wire(out, out + length);
-        std::free(out);
+        Record payload(b.info->payload);
+        fillFull(*b.info->payload, payload.data(), 22, Counts::kCapacity);
+        auto* body = static_cast<uint8_t*>(makeBody(b, payload.data()));
+        const Bytes wire = serializedBody(b, body);
+        ASSERT_FALSE(wire.empty());
+        const uint32_t length = static_cast<uint32_t>(wire.size());
         for (size_t shift : {0u, 1u, 2u, 3u}) {
             Shifted in(wire, shift);
             for (bool bounded : {false, true}) {

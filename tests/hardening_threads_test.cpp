@@ -65,14 +65,11 @@ TEST(HardeningThreads, RecordAndBodyOperationsRunConcurrently) {
         recordWires.push_back(encode(*s, sources.back().data()));
     }
     for (const Binding& b : bindings()) {
-        auto* body = static_cast<uint8_t*>(std::calloc(1, b.info->bodySize));
-        std::memcpy(body, &b.info->magic, 4);
-        fillFull(*b.info->payload, body + 8, 5, Counts::kCapacity);
-        uint8_t* out = nullptr;
-        uint32_t length = 0;
-        ASSERT_EQ(0u, b.serializeBody(0, body, &out, &length));
-        bodyWires.emplace_back(out, out + length);
-        std::free(out);
+        Record payload(b.info->payload);
+        fillFull(*b.info->payload, payload.data(), 5, Counts::kCapacity);
+        void* body = makeBody(b, payload.data());
+        bodyWires.push_back(serializedBody(b, body));
+        ASSERT_FALSE(bodyWires.back().empty()) << b.info->name;
         b.freeBody(0, body);
     }
     clearLog();

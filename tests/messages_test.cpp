@@ -97,21 +97,9 @@ Record fullPayload(const Binding& b, Counts counts = Counts::kCapacity) {
     return r;
 }
 
-// A body as a sender builds it: magic, ref 0, the payload copied in.
-void* makeBody(const Binding& b, const Record& payload) {
-    void* body = std::calloc(1, b.info->bodySize);
-    std::memcpy(body, &b.info->magic, 4);
-    corVane_record_copy(b.info->payload, static_cast<uint8_t*>(body) + 8, payload.data());
-    return body;
-}
-
 Bytes wireOf(const Binding& b, const Record& payload) {
-    void* body = makeBody(b, payload);
-    uint8_t* buf = nullptr;
-    uint32_t len = 0;
-    EXPECT_EQ(0u, b.serializeBody(0, body, &buf, &len));
-    Bytes out(buf, buf + len);
-    std::free(buf);
+    void* body = makeBody(b, payload.data());
+    Bytes out = serializedBody(b, body);
     b.freeBody(0, body);
     return out;
 }
@@ -129,12 +117,6 @@ uint32_t deliver(void*, void* arg, void* payload) {
     return 0;
 }
 const auto kDeliver = reinterpret_cast<void*>(static_cast<CorVaneHandler>(deliver));
-
-// The arguments of the last call of a kind, as many as it took.
-std::vector<uintptr_t> lastArgs(QuibStubCall c) {
-    const QuibStubCallRecord* r = quibStub_lastCall(c);
-    return {r->args, r->args + r->argCount};
-}
 
 class Messages : public testing::Test {
 protected:
@@ -213,7 +195,7 @@ TEST_F(Messages, EnvelopeOfEveryMessage) {
 TEST_F(Messages, KindsAndNullBodies) {
     for (const Binding& b : bindings()) {
         SCOPED_TRACE(b.info->name);
-        auto* body = static_cast<CorVaneMsgBody*>(makeBody(b, fullPayload(b)));
+        auto* body = static_cast<CorVaneMsgBody*>(makeBody(b, fullPayload(b).data()));
         uint8_t* buf = nullptr;
         void* out = nullptr;
         uint32_t len = 0, size = 0;
@@ -450,7 +432,7 @@ TEST_F(MessagesDeathTest, WrongMagicAbortsInReceiveAndFree) {
     EXPECT_DEATH(corVane_recvReq_setLineCallState(nullptr, foreign, nullptr, nullptr),
                  "corVane_recvReq_setLineCallState\\([0-9]+\\): Check Magic\\[CORVANE_MAGIC_MSGCMD_"
                  "SETLINECALLSTATE-20132509\\] Ctx\\[ptr\\(0x[0-9a-f]+\\) magic\\(20132510\\)\\] text\\[\\]");
-    EXPECT_DEATH(addLine.recv(nullptr, makeBody(addPhy, fullPayload(addPhy)), nullptr, nullptr),
+    EXPECT_DEATH(addLine.recv(nullptr, makeBody(addPhy, fullPayload(addPhy).data()), nullptr, nullptr),
                  "corVane_recvReq_ntfyOnAddObjectProfileLine\\([0-9]+\\): Check Magic\\[CORVANE_MAGIC_"
                  "MSGNTFY_ONADDOBJECTPROFILELINE-20132504\\].*magic\\(20132503\\)");
     EXPECT_DEATH(bindings()[9].freeBody(0, freed),
@@ -458,7 +440,7 @@ TEST_F(MessagesDeathTest, WrongMagicAbortsInReceiveAndFree) {
                  "magic\\(DEADBEEF\\)");
     // The repeater body shares the profile line's magic and passes its check.
     int called = 0;
-    void* body = makeBody(addRepeater, fullPayload(addRepeater));
+    void* body = makeBody(addRepeater, fullPayload(addRepeater).data());
     addLine.recv(nullptr, body, [](void*, void* arg, void*) -> uint32_t { return ++*static_cast<int*>(arg); },
                  &called);
     EXPECT_EQ(1, called);

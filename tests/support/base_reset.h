@@ -2,6 +2,9 @@
 // so that each test starts from scratch in the shared process.
 #pragma once
 
+#include <cstdint>
+#include <vector>
+
 #include "corvane/base.h"
 #include "quib_stub.h"
 #include "support/syslog_capture.h"
@@ -17,6 +20,13 @@ inline void resetBase() {
     corVane_base.cmd.num = CORVANE_NUM_NONE;
     corVane_base.ntfy.num = CORVANE_NUM_NONE;
     clearLog();
+}
+
+// The arguments the stand-in recorded for the last call of a kind, as many
+// as that call took.
+inline std::vector<uintptr_t> lastArgs(QuibStubCall c) {
+    const QuibStubCallRecord* r = quibStub_lastCall(c);
+    return {r->args, r->args + r->argCount};
 }
 
 }  // namespace cvtest

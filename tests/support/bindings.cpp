@@ -1,5 +1,8 @@
 #include "support/bindings.h"
 
+#include <cstdlib>
+#include <cstring>
+
 namespace cvtest {
 namespace {
 
@@ -54,6 +57,22 @@ const std::vector<Binding>& bindings() {
     static const std::vector<Binding> all = {CORVANE_COMMANDS(CVTEST_COMMAND_)
                                                  CORVANE_NOTIFICATIONS(CVTEST_NOTIFICATION_)};
     return all;
+}
+
+void* makeBody(const Binding& b, const void* payload) {
+    void* body = std::calloc(1, b.info->bodySize);
+    std::memcpy(body, &b.info->magic, 4);
+    corVane_record_copy(b.info->payload, static_cast<uint8_t*>(body) + 8, payload);
+    return body;
+}
+
+std::vector<uint8_t> serializedBody(const Binding& b, void* body) {
+    uint8_t* buf = nullptr;
+    uint32_t len = 0;
+    std::vector<uint8_t> out;
+    if (b.serializeBody(0, body, &buf, &len) == 0) out.assign(buf, buf + len);
+    std::free(buf);
+    return out;
 }
 
 }  // namespace cvtest

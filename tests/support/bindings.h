@@ -28,4 +28,11 @@ struct Binding {
 // Commands first, then notifications, each in index order.
 const std::vector<Binding>& bindings();
 
+// A body as a sender builds it: the message's magic, ref 0 and a copy of
+// `payload`; released with the message's freeBody.
+void* makeBody(const Binding& b, const void* payload);
+
+// What the message's serializeBody makes of a body; empty if it refuses.
+std::vector<uint8_t> serializedBody(const Binding& b, void* body);
+
 }  // namespace cvtest
