@@ -3,12 +3,12 @@
 // receive function and its handler, freeBody of the received body.
 #include <benchmark/benchmark.h>
 
-#include <memory>
-#include <string>
+#include <cstring>
 
 #include "bench_common.h"
 #include "corvane/corvane.h"
 #include "quib_stub.h"
+#include "support/bindings.h"
 #include "support/records.h"
 
 namespace cvbench {
@@ -47,53 +47,51 @@ Bus& bus() {
     return b;
 }
 
-using Send = uint32_t (*)(void* user, void* arg, const char* userName, const void* record);
-using Serve = uint32_t (*)(void* user, void* a, void* b, void* c);
-
 struct Trip {
+    const cvtest::Binding& message;
     cvtest::Record payload;
     Received received;
-    Send send;
     size_t wireBytes;
 
-    Trip(const CorVaneMessageInfo* m, Send s, Serve serve, bool full)
-        : payload(m->payload), received{m->payload, payload.data()}, send(s) {
-        if (full) cvtest::fillFull(*m->payload, payload.data(), 3, cvtest::Counts::kCapacity);
-        if (serve(bus().mgmt, reinterpret_cast<void*>(onPayload), &received, nullptr) != 0)
-            fail(m->name, "server registration failed");
-        wireBytes = 2 * 12 + corVane_record_serialize_lg(m->payload, payload.data());
+    explicit Trip(const char* name) : message(bindingOf(name)), payload(message.info->payload),
+                                      received{message.info->payload, payload.data()} {
+        const CorVaneMessageInfo& m = *message.info;
+        if (m.intf != CORVANE_INTF_CMD) fail(name, "a trip carries a command");
+        cvtest::fillFull(*m.payload, payload.data(), 3, cvtest::Counts::kCapacity);
+        if (message.listen(bus().mgmt, reinterpret_cast<void*>(onPayload), &received, nullptr,
+                           "bus", "mgmt") != 0)
+            fail(name, "server registration failed");
+        wireBytes = 2 * 12 + corVane_record_serialize_lg(m.payload, payload.data());
         received.checking = true;
-        if (send(bus().voice, nullptr, "mgmt", payload.data()) != 0 || received.calls != 1 ||
-            !received.intact)
-            fail(m->name, "the message does not arrive intact");
+        if (message.send(bus().voice, nullptr, "mgmt", payload.data()) != 0 ||
+            received.calls != 1 || !received.intact)
+            fail(name, "the message does not arrive intact");
         received.checking = false;
+    }
+
+    static const cvtest::Binding& bindingOf(const char* name) {
+        for (const cvtest::Binding& b : cvtest::bindings())
+            if (std::strcmp(b.info->name, name) == 0) return b;
+        fail(name, "no such message");
     }
 };
 
 void bmTrip(benchmark::State& st, Trip* t) {
     void* voice = bus().voice;
     const void* p = t->payload.data();
+    const auto send = t->message.send;
     uint32_t failures = 0;
-    for (auto _ : st) failures += t->send(voice, nullptr, "mgmt", p);
+    for (auto _ : st) failures += send(voice, nullptr, "mgmt", p);
     if (failures) st.SkipWithError("a send failed");
     st.SetBytesProcessed(int64_t(st.iterations()) * int64_t(t->wireBytes));
     st.counters["wire_bytes"] = double(t->wireBytes);
 }
 
-template <class T, uint32_t (*F)(void*, void*, const char*, const T*)>
-uint32_t sendAs(void* user, void* arg, const char* to, const void* rec) {
-    return F(user, arg, to, static_cast<const T*>(rec));
-}
-
 }  // namespace
 
 void registerTrips() {
-    static Trip small(corVane_messageByName("SetLineCallState"),
-                      sendAs<lineCallState, corVane_sendReq_setLineCallState>,
-                      corVane_modSrv_recvMsg_setLineCallState, true);
-    static Trip large(corVane_messageByName("SetProfileConfig"),
-                      sendAs<VoiceProfile, corVane_sendReq_setProfileConfig>,
-                      corVane_modSrv_recvMsg_setProfileConfig, true);
+    static Trip small("SetLineCallState");
+    static Trip large("SetProfileConfig");
     benchmark::RegisterBenchmark("trip/SetLineCallState", bmTrip, &small);
     benchmark::RegisterBenchmark("trip/SetProfileConfig", bmTrip, &large);
     needMemcpy(small.wireBytes);

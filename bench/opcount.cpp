@@ -4,8 +4,8 @@
 //   valgrind --tool=callgrind --instr-atstart=no --collect-atstart=no
 //       corvane_bench_opcount <Record|trip> <empty|full|Message> <op> [N]
 //
-// op: serialize, unserialize, copy, serialize_lg; for "trip", the message
-// name (SetLineCallState, SetProfileConfig) and op "send". Collection is on
+// op: serialize, unserialize, copy, serialize_lg; for "trip", any message's
+// name (e.g. SetLineCallState, SetProfileConfig) and op "send". Collection is on
 // only around N (default 200) calls; the count callgrind prints at exit,
 // divided by N, is the figure. bench/opcount.sh runs a list of them.
 #include <valgrind/callgrind.h>
@@ -18,6 +18,7 @@
 
 #include "corvane/corvane.h"
 #include "quib_stub.h"
+#include "support/bindings.h"
 #include "support/records.h"
 #include "support/typed_ops.h"
 
@@ -49,30 +50,25 @@ int main(int argc, char** argv) {
     if (n <= 0) usage("N must be positive");
 
     if (what == "trip") {
-        const CorVaneMessageInfo* m = corVane_messageByName(how.c_str());
-        if (!m || !(m->flags & CORVANE_MSG_RECORD_PAYLOAD) || m->intf != CORVANE_INTF_CMD)
-            usage("trip needs a command carrying a record");
+        const cvtest::Binding* b = nullptr;
+        for (const cvtest::Binding& x : cvtest::bindings())
+            if (how == x.info->name) b = &x;
+        if (!b || op != "send") usage("trip needs a message name and op send");
         if (corVane_addBase() != 0) usage("corVane_addBase failed");
         void* voice = quibStub_newUser("voice");
         void* mgmt = quibStub_newUser("mgmt");
         corVane_regUser_msgMngt(voice, nullptr, nullptr, CORVANE_SELECT_BOTH);
         corVane_regUser_msgMngt(mgmt, nullptr, nullptr, CORVANE_SELECT_BOTH);
-        cvtest::Record payload(m->payload);
-        cvtest::fillFull(*m->payload, payload.data(), 3, cvtest::Counts::kCapacity);
+        // Commands go from the voice service to the management side,
+        // notifications the other way.
+        const bool command = b->info->intf == CORVANE_INTF_CMD;
+        if (b->listen(command ? mgmt : voice, reinterpret_cast<void*>(onPayload), nullptr, nullptr,
+                      "bus", command ? "mgmt" : "voice") != 0)
+            usage("registration failed");
+        cvtest::Record payload(b->info->payload);
+        cvtest::fillFull(*b->info->payload, payload.data(), 3, cvtest::Counts::kCapacity);
         uint32_t failures = 0;
-        if (how == "SetLineCallState") {
-            corVane_modSrv_recvMsg_setLineCallState(mgmt, reinterpret_cast<void*>(onPayload),
-                                                    nullptr, nullptr);
-            const auto* p = reinterpret_cast<const lineCallState*>(payload.data());
-            measure(n, [&] { failures += corVane_sendReq_setLineCallState(voice, nullptr, "mgmt", p); });
-        } else if (how == "SetProfileConfig") {
-            corVane_modSrv_recvMsg_setProfileConfig(mgmt, reinterpret_cast<void*>(onPayload),
-                                                    nullptr, nullptr);
-            const auto* p = reinterpret_cast<const VoiceProfile*>(payload.data());
-            measure(n, [&] { failures += corVane_sendReq_setProfileConfig(voice, nullptr, "mgmt", p); });
-        } else {
-            usage("trip: SetLineCallState or SetProfileConfig");
-        }
+        measure(n, [&] { failures += b->send(command ? voice : mgmt, nullptr, "mgmt", payload.data()); });
         if (failures) usage("a send failed");
         return 0;
     }
