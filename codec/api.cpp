@@ -6,19 +6,26 @@
 namespace cv::api {
 namespace {
 
-// Logs a null argument of corVane_<Record><op> and tells whether one was null.
-bool isNull(const CorVaneSchema& s, const char* op, const void* p, const char* what) {
-    if (p) return false;
+struct Arg {
+    const void* p;
+    const char* what;
+};
+
+// Logs the first null argument of corVane_<Record><op>. Reached only when
+// one of them is null, so the checks in the common case are bare tests.
+CV_COLD uint32_t refuseNull(const CorVaneSchema& s, const char* op, Arg a, Arg b = {nullptr, nullptr},
+                            Arg c = {nullptr, nullptr}) {
+    const char* what = !a.p ? a.what : !b.p ? b.what : c.what;
     log(kPrioError, FnName{"corVane_", s.name, op, FnName::Case::kAsIs}, __LINE__,
         "Ctx[NULL] text[%s]\n", what);
-    return true;
+    return kMismatch;
 }
 
 }  // namespace
 
 uint32_t copy(const CorVaneSchema& s, void* destination, const void* source) {
-    if (isNull(s, "_copy", destination, "destination") || isNull(s, "_copy", source, "source"))
-        return kMismatch;
+    if (!destination || !source) [[unlikely]]
+        return refuseNull(s, "_copy", {destination, "destination"}, {source, "source"});
     return copyRecord(s, destination, source);
 }
 
@@ -27,26 +34,29 @@ uint32_t copy(const CorVaneSchema& s, void* destination, const void* source) {
 void clean(const CorVaneSchema&, void*) {}
 
 uint32_t length(const CorVaneSchema& s, const void* record) {
-    if (isNull(s, "_serialize_lg", record, "record")) return 0;
+    if (!record) [[unlikely]] {
+        refuseNull(s, "_serialize_lg", {record, "record"});
+        return 0;
+    }
     return recordLength(s, record);
 }
 
 uint32_t serialize(const CorVaneSchema& s, const void* record, uint8_t** cursor) {
-    if (isNull(s, "_serialize", record, "record") || isNull(s, "_serialize", cursor, "cursor") ||
-        isNull(s, "_serialize", cursor ? *cursor : nullptr, "*cursor"))
-        return kMismatch;
+    if (!record || !cursor || !*cursor) [[unlikely]]
+        return refuseNull(s, "_serialize", {record, "record"}, {cursor, "cursor"},
+                          {cursor ? *cursor : nullptr, "*cursor"});
     return encodeRecord(s, record, cursor);
 }
 
 uint32_t unserialize(const CorVaneSchema& s, void* record, const uint8_t** cursor,
                      const uint8_t* end, bool bounded) {
-    const char* op = bounded ? "_unserialize_bounded" : "_unserialize";
-    if (isNull(s, op, record, "record") || isNull(s, op, cursor, "cursor") ||
-        isNull(s, op, cursor ? *cursor : nullptr, "*cursor"))
-        return kMismatch;
+    if (!record || !cursor || !*cursor) [[unlikely]]
+        return refuseNull(s, bounded ? "_unserialize_bounded" : "_unserialize",
+                          {record, "record"}, {cursor, "cursor"},
+                          {cursor ? *cursor : nullptr, "*cursor"});
+    if (!bounded) return decodeTrusted(s, record, cursor);
     // A bounded read with no end has nothing to read.
-    if (bounded && !end) end = *cursor;
-    return publicStatus(decodeRecord(s, record, cursor, bounded ? end : nullptr));
+    return decodeBounded(s, record, cursor, end ? end : *cursor);
 }
 
 }  // namespace cv::api

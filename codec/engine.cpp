@@ -13,10 +13,8 @@
 
 // The walks below keep their common case (runs of u32 fields, short texts)
 // in small loops with few live values, and leave failures, nested records
-// and long texts to separate functions: a record of three words then costs
-// little more than the words themselves.
-#define CV_COLD __attribute__((noinline, cold))
-#define CV_NOINLINE __attribute__((noinline))
+// and long texts to separate functions (CV_COLD, CV_NOINLINE): a record of
+// three words then costs little more than the words themselves.
 
 namespace cv {
 namespace {
@@ -648,12 +646,26 @@ uint32_t encodeRecord(const CorVaneSchema& s, const void* rec, uint8_t** cursor,
 
 namespace {
 
+// Everything after the leading run of usual u32 elements: c is where the run
+// stopped, and the run's length gives the field and tag to go on from. Kept
+// out of line and reached by a tail call, so that a record of a few words is
+// read without saving a register.
+template <bool kBounded>
+CV_NOINLINE uint32_t decodeRest(const CorVaneSchema& s, uint8_t* rec, const uint8_t** cursor,
+                                const uint8_t* c, const uint8_t* end, const FnName* who) {
+    const uint8_t* const start = *cursor;
+    const auto run = static_cast<uint32_t>(static_cast<size_t>(c - start) / kU32ElementBytes);
+    Reader<kBounded> r{c, end};
+    const uint32_t st = decodeFrom(s, rec, r, who, s.fields + run, CORVANE_FIRST_TAG + run, start);
+    *cursor = r.cur;
+    return publicStatus(st);
+}
+
 // The leading run of usual u32 elements, then the general walk if needed.
 template <bool kBounded>
 inline uint32_t decodeTop(const CorVaneSchema& s, uint8_t* rec, const uint8_t** cursor,
                           const uint8_t* end, const FnName* who) {
-    const uint8_t* const start = *cursor;
-    const uint8_t* c = start;
+    const uint8_t* c = *cursor;
     const CorVaneField* f = s.fields;
     const CorVaneField* const last = f + s.fieldCount;
     uint32_t tag = CORVANE_FIRST_TAG;
@@ -665,23 +677,21 @@ inline uint32_t decodeTop(const CorVaneSchema& s, uint8_t* rec, const uint8_t** 
         ++f;
         ++tag;
     }
-    uint32_t st = kOk;
-    if (f != last) {
-        Reader<kBounded> r{c, end};
-        st = decodeFrom(s, rec, r, who, f, tag, start);
-        c = r.cur;
-    }
+    if (f != last) return decodeRest<kBounded>(s, rec, cursor, c, end, who);
     *cursor = c;
-    return st;
+    return kOk;
 }
 
 }  // namespace
 
-uint32_t decodeRecord(const CorVaneSchema& s, void* rec, const uint8_t** cursor,
-                      const uint8_t* end, const FnName* who) {
-    uint8_t* const r = static_cast<uint8_t*>(rec);
-    return end ? decodeTop<true>(s, r, cursor, end, who)
-               : decodeTop<false>(s, r, cursor, nullptr, who);
+uint32_t decodeTrusted(const CorVaneSchema& s, void* rec, const uint8_t** cursor,
+                       const FnName* who) {
+    return decodeTop<false>(s, static_cast<uint8_t*>(rec), cursor, nullptr, who);
+}
+
+uint32_t decodeBounded(const CorVaneSchema& s, void* rec, const uint8_t** cursor,
+                       const uint8_t* end, const FnName* who) {
+    return decodeTop<true>(s, static_cast<uint8_t*>(rec), cursor, end, who);
 }
 
 uint32_t decodeWord(uint32_t tag, uint32_t* value, const uint8_t** cursor, const uint8_t* end,

@@ -8,6 +8,11 @@
 #include "base/log.h"
 #include "corvane/schema.h"
 
+// For paths kept out of the common case: failures (cold) and the less
+// usual element kinds (out of line).
+#define CV_COLD __attribute__((noinline, cold))
+#define CV_NOINLINE __attribute__((noinline))
+
 namespace cv {
 
 // Internal results. kOverrun is a bounded read that would have gone past the
@@ -26,9 +31,15 @@ uint32_t encodeRecord(const CorVaneSchema& s, const void* rec, uint8_t** cursor,
                       const FnName* who = nullptr);
 // Reads at *cursor. With end == nullptr the read is unbounded: the buffer is
 // trusted to hold the whole encoding. Otherwise nothing at or beyond end is
-// read. Returns an internal status (see publicStatus).
-uint32_t decodeRecord(const CorVaneSchema& s, void* rec, const uint8_t** cursor,
-                      const uint8_t* end, const FnName* who = nullptr);
+// read. Returns a public status: an overrun is reported as kMismatch.
+uint32_t decodeTrusted(const CorVaneSchema& s, void* rec, const uint8_t** cursor,
+                       const FnName* who = nullptr);
+uint32_t decodeBounded(const CorVaneSchema& s, void* rec, const uint8_t** cursor,
+                       const uint8_t* end, const FnName* who = nullptr);
+inline uint32_t decodeRecord(const CorVaneSchema& s, void* rec, const uint8_t** cursor,
+                             const uint8_t* end, const FnName* who = nullptr) {
+    return end ? decodeBounded(s, rec, cursor, end, who) : decodeTrusted(s, rec, cursor, who);
+}
 
 // Reads one u32 element that must carry `tag` (the two words of a message
 // envelope), by the rules of a scalar field; its lines name `who`, with

@@ -218,7 +218,7 @@ uint32_t unserializeBody(const Msg& m, uint32_t kind, const uint8_t* buffer, con
     st = decodeRecord(*m.payload, payloadOf(b), &cursor, limit, payloadWho(m, req));
     if (st) {
         std::free(b);
-        return publicStatus(st);
+        return st;
     }
     *body = b;
     *size = m.bodySize;
