@@ -5,6 +5,8 @@
 //   record/<Record>/<empty|full>/<serialize|unserialize|copy|serialize_lg>
 //   floor/memcpy/<bytes>        memcpy of that many bytes
 //   floor/bswap/<words>         a loop byte-swapping that many words into a buffer
+//   floor/prescribed/<Message>  the allocations, zeroing and copies a trip
+//                               cannot avoid, with the codec at memcpy speed
 //   trip/<Message>              send -> ... -> freeBody on the stand-in bus
 //   peer/<corvane|protobuf>/<Record>/<encode|decode>
 // Counters: wire_bytes (bytes of the encoding), record_bytes (sizeof the

@@ -134,13 +134,25 @@ def main():
     for rec in ("CallingFeatures", "VoiceProfile"):
         for op in ("encode", "decode"):
             attempt(lambda: peer(rec, op))
-    attempt(lambda: target("trip SetLineCallState", t("trip/SetLineCallState"), 300, unit=" ns"))
+    def small_trip():
+        small = "trip/SetLineCallState"
+        target("trip SetLineCallState", t(small), 300, unit=" ns")
+        floor = t("floor/prescribed/SetLineCallState")
+        rows.append((f"  its prescribed memory work alone", f"{floor:.2f} ns", "", "info"))
+
+    attempt(small_trip)
 
     def large_trip():
         large = "trip/SetProfileConfig"
         lw = counter(large, "wire_bytes")
         target(f"trip SetProfileConfig / memcpy of {lw} B ({t(large):.0f} ns)",
                t(large) / memcpy(lw), 3.0)
+        # Not a target: what the interface's own allocations and copies cost.
+        floor = t("floor/prescribed/SetProfileConfig")
+        rows.append((f"  its prescribed memory work alone ({floor:.0f} ns) / memcpy",
+                     f"{floor / memcpy(lw):.2f}x", "", "info"))
+        rows.append((f"  trip / that prescribed memory work", f"{t(large) / floor:.2f}x", "",
+                     "info"))
 
     attempt(large_trip)
 
@@ -149,7 +161,7 @@ def main():
     for label, value, limit, verdict in rows:
         print(f"  {label:{w}}  {value:>10}  {limit:>10}  {verdict}")
     missed = sum(1 for r in rows if r[3] == "MISSED")
-    checked = sum(1 for r in rows if r[3] != "skipped")
+    checked = sum(1 for r in rows if r[3] not in ("skipped", "info"))
     print(f"\n{checked - missed} of {checked} targets met")
 
 
