@@ -21,6 +21,9 @@ namespace {
 
 constexpr uint32_t tagOf(uint32_t fieldIndex) { return fieldIndex + CORVANE_FIRST_TAG; }
 
+// Fields from the first whose tags are below 256 (see nextTagHeader).
+constexpr uint32_t kSteppedTags = 256 - CORVANE_FIRST_TAG;
+
 // A field written under its own tag: a scalar, a text or an array count.
 constexpr bool isWritten(uint8_t kind) {
     return kind == CORVANE_FIELD_U32 || kind == CORVANE_FIELD_TEXT;
@@ -629,19 +632,43 @@ uint32_t recordLength(const CorVaneSchema& s, const void* rec) {
     return count.total;
 }
 
+namespace {
+
+// Everything after the leading run of u32 fields that encodeRecord wrote up
+// to c; reached by a tail call, as decodeRest below.
+CV_NOINLINE uint32_t encodeRest(const CorVaneSchema& s, const uint8_t* rec, uint8_t** cursor,
+                                uint8_t* c, const FnName* who) {
+    uint8_t* const start = *cursor;
+    const auto run = static_cast<uint32_t>(static_cast<size_t>(c - start) / kU32ElementBytes);
+    WriteSink out{c};
+    const uint32_t st = encodeFrom(s, rec, out, who, s.fields + run, CORVANE_FIRST_TAG + run, start);
+    *cursor = out.cur;
+    return st;
+}
+
+}  // namespace
+
 uint32_t encodeRecord(const CorVaneSchema& s, const void* rec, uint8_t** cursor,
                       const FnName* who) {
     const uint8_t* const r = static_cast<const uint8_t*>(rec);
-    uint8_t* const start = *cursor;
-    WriteSink out{start};
+    uint8_t* c = *cursor;
     const CorVaneField* f = s.fields;
-    const CorVaneField* const last = f + s.fieldCount;
-    uint32_t tag = CORVANE_FIRST_TAG;
-    if (f != last && f->kind == CORVANE_FIELD_U32) f = out.u32Run(f, last, r, tag);
-    uint32_t st = kOk;
-    if (f != last) st = encodeFrom(s, r, out, who, f, tag, start);
-    *cursor = out.cur;
-    return st;
+    const uint32_t n = s.fieldCount;
+    const CorVaneField* const last = f + n;
+    // The header steps from tag to tag, which holds while the tags stay
+    // below 256: a longer record is written by the general walk.
+    if (n > kSteppedTags) [[unlikely]]
+        return encodeRest(s, r, cursor, c, who);
+    uint64_t header = headerBytes(CORVANE_FIRST_TAG, 4);
+    for (; f != last && f->kind == CORVANE_FIELD_U32; ++f) {
+        store64(c, header);
+        storeBe32(c + kHeaderBytes, loadHost32(r + f->offset));
+        c += kU32ElementBytes;
+        header = nextTagHeader(header);
+    }
+    if (f != last) return encodeRest(s, r, cursor, c, who);
+    *cursor = c;
+    return kOk;
 }
 
 namespace {
@@ -667,15 +694,20 @@ inline uint32_t decodeTop(const CorVaneSchema& s, uint8_t* rec, const uint8_t** 
                           const uint8_t* end, const FnName* who) {
     const uint8_t* c = *cursor;
     const CorVaneField* f = s.fields;
-    const CorVaneField* const last = f + s.fieldCount;
-    uint32_t tag = CORVANE_FIRST_TAG;
+    const uint32_t n = s.fieldCount;
+    const CorVaneField* const last = f + n;
+    // The expected header steps from tag to tag, which holds while the tags
+    // stay below 256: a longer record is read element by element.
+    if (n > kSteppedTags) [[unlikely]]
+        return decodeRest<kBounded>(s, rec, cursor, c, end, who);
+    uint64_t expected = headerBytes(CORVANE_FIRST_TAG, 4);
     while (f != last && f->kind == CORVANE_FIELD_U32 &&
            (!kBounded || end - c >= static_cast<ptrdiff_t>(kU32ElementBytes)) &&
-           load64(c) == headerBytes(tag, 4)) {
+           load64(c) == expected) {
         storeHost32(rec + f->offset, loadBe32(c + kHeaderBytes));
         c += kU32ElementBytes;
         ++f;
-        ++tag;
+        expected = nextTagHeader(expected);
     }
     if (f != last) return decodeRest<kBounded>(s, rec, cursor, c, end, who);
     *cursor = c;

@@ -44,6 +44,14 @@ inline uint64_t headerBytes(uint32_t tag, uint32_t len) {
     return v;
 }
 
+// The header bytes of the next tag with the same length word: one added to
+// the tag's low byte, so only for tags up to 254 (a carry out of that byte
+// would land in the length word).
+inline uint64_t nextTagHeader(uint64_t header) {
+    constexpr uint64_t kStep = std::endian::native == std::endian::little ? 1ull << 24 : 1ull << 32;
+    return header + kStep;
+}
+
 inline uint64_t load64(const uint8_t* p) {
     uint64_t v;
     std::memcpy(&v, p, 8);

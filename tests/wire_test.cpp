@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 #include "corvane/records.h"
 #include "support/records.h"
@@ -110,6 +111,46 @@ TEST(Wire, NestedRecordsRestartTheirTagsInPlace) {
         at += 8 + be32(wire.data() + at + 4);
     }
     EXPECT_EQ(wire.size(), at);
+}
+
+// Tags above 255 are written and read in full: a record of 300 words (built
+// here; no record of the interface has that many fields) carries tags 3 to
+// 302, and a header that only a tag counter carried into the length word
+// would produce is refused where tag 256 is expected.
+TEST(Wire, TagsAbove255) {
+    constexpr uint16_t kFields = 300;
+    std::vector<CorVaneField> fields(kFields);
+    for (uint16_t i = 0; i < kFields; ++i)
+        fields[i] = {"w", nullptr, 4u * i, 0, CORVANE_FIELD_U32, 0};
+    const CorVaneSchema s{"Words300", fields.data(), 4 * kFields, kFields, 0};
+    std::vector<uint32_t> rec(kFields), back(kFields);
+    for (uint32_t i = 0; i < kFields; ++i) rec[i] = 0x01000000u + i;
+    ASSERT_EQ(12u * kFields, corVane_record_serialize_lg(&s, rec.data()));
+    Bytes out(12 * kFields);
+    uint8_t* cur = out.data();
+    ASSERT_EQ(0u, corVane_record_serialize(&s, rec.data(), &cur));
+    Bytes want;
+    for (uint32_t i = 0; i < kFields; ++i) {
+        const Bytes e = words({3 + i, 4, rec[i]});
+        want.insert(want.end(), e.begin(), e.end());
+    }
+    EXPECT_EQ(want, out);
+    const uint8_t* in = out.data();
+    ASSERT_EQ(0u, corVane_record_unserialize(&s, back.data(), &in));
+    EXPECT_EQ(rec, back);
+
+    const Bytes bad = words({0, 0x01000004u});
+    std::memcpy(out.data() + 12 * 253, bad.data(), bad.size());
+    for (const bool bounded : {false, true}) {
+        in = out.data();
+        clearLog();
+        EXPECT_EQ(4u, bounded ? corVane_record_unserialize_bounded(&s, back.data(), &in,
+                                                                   out.data() + out.size())
+                              : corVane_record_unserialize(&s, back.data(), &in));
+        EXPECT_EQ(out.data() + 12 * 253, in);
+        ASSERT_FALSE(logTextsWithoutLine().empty());
+        EXPECT_NE(std::string::npos, logTextsWithoutLine()[0].find("Tl(0-16777220) expectded(256)"));
+    }
 }
 
 // Null arguments are refused with a log line, never dereferenced.
