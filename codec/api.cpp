@@ -48,13 +48,18 @@ uint32_t serialize(const CorVaneSchema& s, const void* record, uint8_t** cursor)
     return encodeRecord(s, record, cursor);
 }
 
-uint32_t unserialize(const CorVaneSchema& s, void* record, const uint8_t** cursor,
-                     const uint8_t* end, bool bounded) {
+uint32_t unserialize(const CorVaneSchema& s, void* record, const uint8_t** cursor) {
     if (!record || !cursor || !*cursor) [[unlikely]]
-        return refuseNull(s, bounded ? "_unserialize_bounded" : "_unserialize",
-                          {record, "record"}, {cursor, "cursor"},
+        return refuseNull(s, "_unserialize", {record, "record"}, {cursor, "cursor"},
                           {cursor ? *cursor : nullptr, "*cursor"});
-    if (!bounded) return decodeTrusted(s, record, cursor);
+    return decodeTrusted(s, record, cursor);
+}
+
+uint32_t unserializeBounded(const CorVaneSchema& s, void* record, const uint8_t** cursor,
+                            const uint8_t* end) {
+    if (!record || !cursor || !*cursor) [[unlikely]]
+        return refuseNull(s, "_unserialize_bounded", {record, "record"}, {cursor, "cursor"},
+                          {cursor ? *cursor : nullptr, "*cursor"});
     // A bounded read with no end has nothing to read.
     return decodeBounded(s, record, cursor, end ? end : *cursor);
 }
@@ -79,11 +84,11 @@ extern "C" uint32_t corVane_record_serialize(const CorVaneSchema* s, const void*
 
 extern "C" uint32_t corVane_record_unserialize(const CorVaneSchema* s, void* record,
                                                const uint8_t** cursor) {
-    return s ? cv::api::unserialize(*s, record, cursor, nullptr, false) : cv::kMismatch;
+    return s ? cv::api::unserialize(*s, record, cursor) : cv::kMismatch;
 }
 
 extern "C" uint32_t corVane_record_unserialize_bounded(const CorVaneSchema* s, void* record,
                                                        const uint8_t** cursor,
                                                        const uint8_t* end) {
-    return s ? cv::api::unserialize(*s, record, cursor, end, true) : cv::kMismatch;
+    return s ? cv::api::unserializeBounded(*s, record, cursor, end) : cv::kMismatch;
 }

@@ -18,11 +18,11 @@
         return cv::api::serialize(cv::schemas::T, record, cursor);                              \
     }                                                                                           \
     extern "C" uint32_t corVane_##T##_unserialize(T* record, const uint8_t** cursor) {          \
-        return cv::api::unserialize(cv::schemas::T, record, cursor, nullptr, false);            \
+        return cv::api::unserialize(cv::schemas::T, record, cursor);                            \
     }                                                                                           \
     extern "C" uint32_t corVane_##T##_unserialize_bounded(T* record, const uint8_t** cursor,    \
                                                           const uint8_t* end) {                 \
-        return cv::api::unserialize(cv::schemas::T, record, cursor, end, true);                 \
+        return cv::api::unserializeBounded(cv::schemas::T, record, cursor, end);                \
     }
 
 CORVANE_RECORD_LIST(CV_DEFINE_RECORD_OPS_)
