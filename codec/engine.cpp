@@ -21,7 +21,8 @@ namespace {
 
 constexpr uint32_t tagOf(uint32_t fieldIndex) { return fieldIndex + CORVANE_FIRST_TAG; }
 
-// Fields from the first whose tags are below 256 (see nextTagHeader).
+// How many fields, counted from the first, have tags below 256: the number a
+// record may have for its headers to be stepped (see nextTagHeader).
 constexpr uint32_t kSteppedTags = 256 - CORVANE_FIRST_TAG;
 
 // A field written under its own tag: a scalar, a text or an array count.
