@@ -134,6 +134,11 @@ CV_NOINLINE size_t nulIndexLong(const uint8_t* s, size_t lim) {
 inline size_t nulIndex(const uint8_t* s, size_t lim) {
     if (lim < 16) return nulIndexShort(s, lim);
     if (const uint32_t m = nulMask16(s)) return static_cast<size_t>(__builtin_ctz(m));
+    if (lim <= 32) {
+        // The last 16 bytes cover all that the first 16 did not.
+        const uint32_t m = nulMask16(s + lim - 16);
+        return m ? lim - 16 + static_cast<size_t>(__builtin_ctz(m)) : lim;
+    }
     return nulIndexLong(s, lim);
 }
 
@@ -160,6 +165,13 @@ CV_NOINLINE size_t copyThroughNulLong(uint8_t* d, const uint8_t* s, size_t lim) 
     size_t n;
     size_t i = 0;
     const __m128i zero = _mm_setzero_si128();
+    if (lim <= 32) {
+        // The first NUL of the last 16 bytes is the text's (n >= 16).
+        n = lim - 16 + static_cast<size_t>(__builtin_ctz(nulMask16(s + lim - 16)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
+        goto last;
+    }
     for (; i + 64 <= lim; i += 64) {
         const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
         const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 16));
@@ -192,8 +204,9 @@ last:
 }
 
 // Copies s[0..n] to d[0..n], n being the first NUL in s[0, lim), which must
-// hold one. Reads only s[0, lim); writes only d[0, n]. Returns n.
-inline size_t copyThroughNul(uint8_t* d, const uint8_t* s, size_t lim) {
+// hold one. Reads only s[0, lim); writes only d[0, n]. Returns n. Kept in
+// the walks' loops: a call there would cost as much as a short text.
+CV_ALWAYS_INLINE size_t copyThroughNul(uint8_t* d, const uint8_t* s, size_t lim) {
     size_t n;
     if (lim < 16) {
         n = nulIndexShort(s, lim);
@@ -292,7 +305,7 @@ struct CountSink {
     const uint8_t* position() const { return nullptr; }
     // A run of u32 fields from f; returns the field after it.
     const CorVaneField* u32Run(const CorVaneField* f, const CorVaneField* last, const uint8_t*,
-                               uint32_t& tag) {
+                               uint32_t& tag, bool) {
         uint32_t t = total, g = tag;
         do {
             t += kU32ElementBytes;
@@ -311,17 +324,30 @@ struct CountSink {
 struct WriteSink {
     uint8_t* cur;
     const uint8_t* position() const { return cur; }
+    // The header is stepped from tag to tag while the record's tags stay
+    // below 256, and built for each field otherwise.
     const CorVaneField* u32Run(const CorVaneField* f, const CorVaneField* last,
-                               const uint8_t* rec, uint32_t& tag) {
+                               const uint8_t* rec, uint32_t& tag, bool stepped) {
         uint8_t* c = cur;
         uint32_t g = tag;
-        do {
-            store64(c, headerBytes(g++, 4));
-            storeBe32(c + kHeaderBytes, loadHost32(rec + f->offset));
-            c += kU32ElementBytes;
-        } while (++f != last && f->kind == CORVANE_FIELD_U32);
-        cur = c;
+        if (stepped) [[likely]] {
+            uint64_t header = headerBytes(g, 4);
+            do {
+                store64(c, header);
+                storeBe32(c + kHeaderBytes, loadHost32(rec + f->offset));
+                c += kU32ElementBytes;
+                ++g;
+                header = nextTagHeader(header);
+            } while (++f != last && f->kind == CORVANE_FIELD_U32);
+        } else {
+            do {
+                store64(c, headerBytes(g++, 4));
+                storeBe32(c + kHeaderBytes, loadHost32(rec + f->offset));
+                c += kU32ElementBytes;
+            } while (++f != last && f->kind == CORVANE_FIELD_U32);
+        }
         tag = g;
+        cur = c;
         return f;
     }
     // Writes the text and its NUL; the padding bytes keep what the buffer
@@ -398,11 +424,12 @@ CV_NOINLINE uint32_t encodeFrom(const CorVaneSchema& s, const uint8_t* rec, Sink
                                 const FnName* who, const CorVaneField* f, uint32_t tag,
                                 const uint8_t* start) {
     const CorVaneField* const last = s.fields + s.fieldCount;
+    const bool stepped = s.fieldCount <= kSteppedTags;
     while (f != last) {
         const uint8_t kind = f->kind;
         if (kind == CORVANE_FIELD_U32) {
             // A run of u32 fields in one tight loop.
-            f = out.u32Run(f, last, rec, tag);
+            f = out.u32Run(f, last, rec, tag, stepped);
             continue;
         }
         if (kind == CORVANE_FIELD_TEXT) {
@@ -558,21 +585,29 @@ CV_NOINLINE uint32_t decodeFrom(const CorVaneSchema& s, uint8_t* rec, Reader<kBo
                                 const FnName* who, const CorVaneField* f, uint32_t tag,
                                 const uint8_t* start) {
     const CorVaneField* const last = s.fields + s.fieldCount;
+    const bool stepped = s.fieldCount <= kSteppedTags;
     const uint8_t* c = r.cur;
     while (f != last) {
         const uint8_t kind = f->kind;
         if (kind == CORVANE_FIELD_U32) {
             // A run of u32 fields in one tight loop. The usual element, tag
-            // as expected and length 4, is checked as one 64-bit word.
-            do {
-                if ((kBounded && r.end - c < static_cast<ptrdiff_t>(kU32ElementBytes)) ||
-                    load64(c) != headerBytes(tag, 4))
-                    goto slow;
-                storeHost32(rec + f->offset, loadBe32(c + kHeaderBytes));
-                c += kU32ElementBytes;
-                ++tag;
-            } while (++f != last && f->kind == CORVANE_FIELD_U32);
-            continue;
+            // as expected and length 4, is checked as one 64-bit word, the
+            // expected one stepped from tag to tag; a record whose tags go
+            // past 255 is read element by element.
+            if (stepped) [[likely]] {
+                uint64_t expected = headerBytes(tag, 4);
+                do {
+                    if ((kBounded && r.end - c < static_cast<ptrdiff_t>(kU32ElementBytes)) ||
+                        load64(c) != expected)
+                        goto slow;
+                    storeHost32(rec + f->offset, loadBe32(c + kHeaderBytes));
+                    c += kU32ElementBytes;
+                    ++tag;
+                    expected = nextTagHeader(expected);
+                } while (++f != last && f->kind == CORVANE_FIELD_U32);
+                continue;
+            }
+            goto slow;
         }
 #if CV_FUSED_TEXT
         if (kind == CORVANE_FIELD_TEXT &&
@@ -627,7 +662,7 @@ uint32_t recordLength(const CorVaneSchema& s, const void* rec) {
     const CorVaneField* f = s.fields;
     const CorVaneField* const last = f + s.fieldCount;
     uint32_t tag = CORVANE_FIRST_TAG;
-    if (f != last && f->kind == CORVANE_FIELD_U32) f = count.u32Run(f, last, nullptr, tag);
+    if (f != last && f->kind == CORVANE_FIELD_U32) f = count.u32Run(f, last, nullptr, tag, true);
     if (f != last)
         encodeFrom(s, static_cast<const uint8_t*>(rec), count, nullptr, f, tag, nullptr);
     return count.total;

@@ -12,6 +12,8 @@
 // usual element kinds (out of line).
 #define CV_COLD __attribute__((noinline, cold))
 #define CV_NOINLINE __attribute__((noinline))
+// For a small helper that each walk must have in its own loop.
+#define CV_ALWAYS_INLINE __attribute__((always_inline)) inline
 
 namespace cv {
 
