@@ -695,15 +695,13 @@ uint32_t encodeRecord(const CorVaneSchema& s, const void* rec, uint8_t** cursor,
     // below 256: a longer record is written by the general walk.
     if (n > kSteppedTags) [[unlikely]]
         return encodeRest(s, r, cursor, c, who);
-    uint64_t header = headerBytes(CORVANE_FIRST_TAG, 4);
-    for (; f != last && f->kind == CORVANE_FIELD_U32; ++f) {
-        store64(c, header);
-        storeBe32(c + kHeaderBytes, loadHost32(r + f->offset));
-        c += kU32ElementBytes;
-        header = nextTagHeader(header);
+    WriteSink out{c};
+    if (f != last && f->kind == CORVANE_FIELD_U32) {
+        uint32_t tag = CORVANE_FIRST_TAG;
+        f = out.u32Run(f, last, r, tag, true);
     }
-    if (f != last) return encodeRest(s, r, cursor, c, who);
-    *cursor = c;
+    if (f != last) return encodeRest(s, r, cursor, out.cur, who);
+    *cursor = out.cur;
     return kOk;
 }
 
