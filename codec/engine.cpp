@@ -11,6 +11,17 @@
 #define CV_FUSED_TEXT 0
 #endif
 
+// On x86-64 the texts of 33 to 256 bytes also have an AVX2 path, taken when
+// the CPU has AVX2 (the build itself assumes only the base instruction set).
+// CORVANE_TEXT_AVX2=0 leaves it out, so that the SSE2 path can be tested on
+// any machine.
+#if CV_FUSED_TEXT && defined(__x86_64__) && defined(__GNUC__) && CORVANE_TEXT_AVX2
+#include <immintrin.h>
+#define CV_TEXT_AVX2 1
+#else
+#define CV_TEXT_AVX2 0
+#endif
+
 // The walks below keep their common case (runs of u32 fields, short texts)
 // in small loops with few live values, and leave failures, nested records
 // and long texts to separate functions (CV_COLD, CV_NOINLINE): a record of
@@ -73,6 +84,13 @@ uint32_t entryCount(const CorVaneField* f, const uint8_t* rec) {
 // read nothing outside those bytes and write exactly the text and its NUL.
 // Longer texts, and other targets, use the C library's string functions,
 // whose wider vectors win once a text spans a few hundred bytes.
+//
+// Texts of up to 32 bytes are handled with at most two 16-byte moves.
+// Longer ones go 64 bytes at a time; the block that holds the NUL is
+// finished from the masks already computed: the vectors wholly before the
+// NUL are stored, then the 16 bytes that end with it. Any text byte may be
+// written again with its own value, which is what makes the overlapping
+// moves exact.
 
 constexpr size_t kFusedTextMax = 256;
 
@@ -110,8 +128,8 @@ inline size_t nulIndexShort(const uint8_t* s, size_t lim) {
     return lim;
 }
 
-// Index of the first NUL in s[0, lim) with lim >= 16, or lim.
-CV_NOINLINE size_t nulIndexLong(const uint8_t* s, size_t lim) {
+// Index of the first NUL in s[0, lim) with lim > 32, or lim.
+CV_NOINLINE size_t nulIndexSse2(const uint8_t* s, size_t lim) {
     size_t i = 16;  // the caller looked at the first 16
     const __m128i zero = _mm_setzero_si128();
     for (; i + 64 <= lim; i += 64) {
@@ -128,18 +146,6 @@ CV_NOINLINE size_t nulIndexLong(const uint8_t* s, size_t lim) {
     // The last 16 bytes; those before i are known not to be NUL.
     const uint32_t m = nulMask16(s + lim - 16);
     return m ? lim - 16 + static_cast<size_t>(__builtin_ctz(m)) : lim;
-}
-
-// Index of the first NUL in s[0, lim), or lim; reads only s[0, lim).
-inline size_t nulIndex(const uint8_t* s, size_t lim) {
-    if (lim < 16) return nulIndexShort(s, lim);
-    if (const uint32_t m = nulMask16(s)) return static_cast<size_t>(__builtin_ctz(m));
-    if (lim <= 32) {
-        // The last 16 bytes cover all that the first 16 did not.
-        const uint32_t m = nulMask16(s + lim - 16);
-        return m ? lim - 16 + static_cast<size_t>(__builtin_ctz(m)) : lim;
-    }
-    return nulIndexLong(s, lim);
 }
 
 // Copies k bytes, 1 <= k <= 16, with at most two overlapping moves a side.
@@ -160,25 +166,34 @@ inline void copyShort(uint8_t* d, const uint8_t* s, size_t k) {
     }
 }
 
-// copyThroughNul when the first 16 bytes hold no NUL.
-CV_NOINLINE size_t copyThroughNulLong(uint8_t* d, const uint8_t* s, size_t lim) {
+// The NUL mask of the 64 bytes a..e, or 0 when they hold none.
+inline uint64_t nulMask64(__m128i a, __m128i b, __m128i c, __m128i e) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i low = _mm_min_epu8(_mm_min_epu8(a, b), _mm_min_epu8(c, e));
+    if (!_mm_movemask_epi8(_mm_cmpeq_epi8(low, zero))) return 0;
+    const auto mask = [zero](__m128i v) {
+        return static_cast<uint64_t>(
+            static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero))));
+    };
+    return mask(a) | mask(b) << 16 | mask(c) << 32 | mask(e) << 48;
+}
+
+// copyThroughNul when lim > 32 and the first 16 bytes hold no NUL.
+CV_NOINLINE size_t copyThroughNulSse2(uint8_t* d, const uint8_t* s, size_t lim) {
     size_t n;
     size_t i = 0;
-    const __m128i zero = _mm_setzero_si128();
-    if (lim <= 32) {
-        // The first NUL of the last 16 bytes is the text's (n >= 16).
-        n = lim - 16 + static_cast<size_t>(__builtin_ctz(nulMask16(s + lim - 16)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
-                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
-        goto last;
-    }
     for (; i + 64 <= lim; i += 64) {
         const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
         const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 16));
         const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 32));
         const __m128i e = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + 48));
-        const __m128i low = _mm_min_epu8(_mm_min_epu8(a, b), _mm_min_epu8(c, e));
-        if (_mm_movemask_epi8(_mm_cmpeq_epi8(low, zero))) break;  // the NUL is in these 64
+        if (const uint64_t m = nulMask64(a, b, c, e)) {
+            n = i + static_cast<size_t>(__builtin_ctzll(m));
+            if (n >= i + 16) _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), a);
+            if (n >= i + 32) _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 16), b);
+            if (n >= i + 48) _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 32), c);
+            goto last;
+        }
         _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), a);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 16), b);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 32), c);
@@ -186,7 +201,8 @@ CV_NOINLINE size_t copyThroughNulLong(uint8_t* d, const uint8_t* s, size_t lim) 
     }
     for (; i + 16 <= lim; i += 16) {
         const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
-        const uint32_t m = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)));
+        const uint32_t m =
+            static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())));
         if (m) {
             n = i + static_cast<size_t>(__builtin_ctz(m));
             goto last;
@@ -196,11 +212,162 @@ CV_NOINLINE size_t copyThroughNulLong(uint8_t* d, const uint8_t* s, size_t lim) 
     // The NUL is in the last 16 bytes, beyond those already copied.
     n = lim - 16 + static_cast<size_t>(__builtin_ctz(nulMask16(s + lim - 16)));
 last:
-    // The 16 bytes that end with the NUL, rewriting copied bytes with their
-    // own values (n >= 16 here).
+    // The 16 bytes that end with the NUL (n >= 16 here).
     _mm_storeu_si128(reinterpret_cast<__m128i*>(d + n - 15),
                      _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + n - 15)));
     return n;
+}
+
+#if CV_TEXT_AVX2
+
+#define CV_AVX2 __attribute__((target("avx2")))
+
+CV_AVX2 inline uint32_t nulMask32(__m256i v) {
+    const __m256i nul = _mm256_cmpeq_epi8(v, _mm256_setzero_si256());
+    return static_cast<uint32_t>(_mm256_movemask_epi8(nul));
+}
+
+CV_AVX2 inline __m256i load32(const uint8_t* p) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+}
+
+// The NUL mask of the 64 bytes a, b, or 0 when they hold none.
+CV_AVX2 inline uint64_t nulMask64(__m256i a, __m256i b) {
+    if (!nulMask32(_mm256_min_epu8(a, b))) return 0;
+    return nulMask32(a) | static_cast<uint64_t>(nulMask32(b)) << 32;
+}
+
+// nulIndexSse2 with 32-byte vectors.
+CV_AVX2 CV_NOINLINE size_t nulIndexAvx2(const uint8_t* s, size_t lim) {
+    size_t i = 0;
+    for (; i + 64 <= lim; i += 64)
+        if (const uint64_t m = nulMask64(load32(s + i), load32(s + i + 32)))
+            return i + static_cast<size_t>(__builtin_ctzll(m));
+    for (; i + 32 <= lim; i += 32)
+        if (const uint32_t m = nulMask32(load32(s + i)))
+            return i + static_cast<size_t>(__builtin_ctz(m));
+    if (i == lim) return lim;
+    // The last 32 bytes; those before i are known not to be NUL.
+    const uint32_t m = nulMask32(load32(s + lim - 32));
+    return m ? lim - 32 + static_cast<size_t>(__builtin_ctz(m)) : lim;
+}
+
+// copyThroughNulSse2 with 32-byte vectors.
+CV_AVX2 CV_NOINLINE size_t copyThroughNulAvx2(uint8_t* d, const uint8_t* s, size_t lim) {
+    size_t i = 0, n;
+    for (; i + 64 <= lim; i += 64) {
+        const __m256i a = load32(s + i), b = load32(s + i + 32);
+        if (const uint64_t m = nulMask64(a, b)) {
+            n = i + static_cast<size_t>(__builtin_ctzll(m));
+            if (n >= i + 32) {
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), a);
+                i += 32;
+            }
+            goto last;
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), a);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i + 32), b);
+    }
+    for (; i + 32 <= lim; i += 32) {
+        const __m256i a = load32(s + i);
+        if (const uint32_t m = nulMask32(a)) {
+            n = i + static_cast<size_t>(__builtin_ctz(m));
+            goto last;
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), a);
+    }
+    // The NUL is in the last 32 bytes, beyond those already copied.
+    n = lim - 32 + static_cast<size_t>(__builtin_ctz(nulMask32(load32(s + lim - 32))));
+last:
+    // s[i, n] is left, fewer than 32 bytes, and n >= 16.
+    if (n >= i + 16)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + n - 15),
+                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + n - 15)));
+    return n;
+}
+
+#undef CV_AVX2
+
+// Whether the CPU has AVX2 and the system keeps its registers across task
+// switches. Runs while the library is being loaded, before any of its code
+// may use the sanitizers' run-time, hence not instrumented.
+__attribute__((no_sanitize("address", "undefined"))) bool cpuHasAvx2() {
+    uint32_t a, b, c, d;
+    __asm__("cpuid" : "=a"(a), "=b"(b), "=c"(c), "=d"(d) : "a"(0), "c"(0));
+    if (a < 7) return false;
+    __asm__("cpuid" : "=a"(a), "=b"(b), "=c"(c), "=d"(d) : "a"(1), "c"(0));
+    if (!(c & (1u << 27))) return false;  // OSXSAVE: xgetbv tells what is kept
+    uint32_t low, high;
+    __asm__("xgetbv" : "=a"(low), "=d"(high) : "c"(0));
+    if ((low & 6) != 6) return false;  // the XMM and YMM halves
+    __asm__("cpuid" : "=a"(a), "=b"(b), "=c"(c), "=d"(d) : "a"(7), "c"(0));
+    return b & (1u << 5);
+}
+
+using NulIndexFn = size_t (*)(const uint8_t*, size_t);
+using CopyThroughNulFn = size_t (*)(uint8_t*, const uint8_t*, size_t);
+
+}  // namespace
+}  // namespace cv
+
+// Called once by the dynamic loader when it loads the library: the two
+// functions below are bound to the version for this CPU, so the library
+// keeps no flag of its own and a call costs one indirect jump. Hidden, like
+// everything the library does not export.
+#define CV_RESOLVER \
+    extern "C" __attribute__((visibility("hidden"), no_sanitize("address", "undefined")))
+CV_RESOLVER cv::NulIndexFn cv_pick_nul_index();
+CV_RESOLVER cv::CopyThroughNulFn cv_pick_copy_through_nul();
+
+cv::NulIndexFn cv_pick_nul_index() {
+    return cv::cpuHasAvx2() ? cv::nulIndexAvx2 : cv::nulIndexSse2;
+}
+
+cv::CopyThroughNulFn cv_pick_copy_through_nul() {
+    return cv::cpuHasAvx2() ? cv::copyThroughNulAvx2 : cv::copyThroughNulSse2;
+}
+#undef CV_RESOLVER
+
+namespace cv {
+namespace {
+
+size_t nulIndexBlocks(const uint8_t* s, size_t lim) __attribute__((ifunc("cv_pick_nul_index")));
+size_t copyThroughNulBlocks(uint8_t* d, const uint8_t* s, size_t lim)
+    __attribute__((ifunc("cv_pick_copy_through_nul")));
+
+#else
+
+inline size_t nulIndexBlocks(const uint8_t* s, size_t lim) { return nulIndexSse2(s, lim); }
+inline size_t copyThroughNulBlocks(uint8_t* d, const uint8_t* s, size_t lim) {
+    return copyThroughNulSse2(d, s, lim);
+}
+
+#endif  // CV_TEXT_AVX2
+
+// copyThroughNul when the first 16 bytes hold no NUL.
+CV_NOINLINE size_t copyThroughNulLong(uint8_t* d, const uint8_t* s, size_t lim) {
+    if (lim > 32) return copyThroughNulBlocks(d, s, lim);
+    // The first NUL of the last 16 bytes is the text's (n >= 16).
+    const size_t n = lim - 16 + static_cast<size_t>(__builtin_ctz(nulMask16(s + lim - 16)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
+                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + n - 15),
+                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + n - 15)));
+    return n;
+}
+
+// Index of the first NUL in s[0, lim), or lim; reads only s[0, lim).
+inline size_t nulIndex(const uint8_t* s, size_t lim) {
+    if (lim < 16) return nulIndexShort(s, lim);
+    if (const uint32_t m = nulMask16(s)) return static_cast<size_t>(__builtin_ctz(m));
+    if (lim <= 32) {
+        // The last 16 bytes cover all that the first 16 did not.
+        const uint32_t m = nulMask16(s + lim - 16);
+        return m ? lim - 16 + static_cast<size_t>(__builtin_ctz(m)) : lim;
+    }
+    return nulIndexBlocks(s, lim);
 }
 
 // Copies s[0..n] to d[0..n], n being the first NUL in s[0, lim), which must

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <vector>
 
 #include "corvane/records.h"
 #include "support/records.h"
 #include "support/syslog_capture.h"
+#include "support/typed_ops.h"
 #include "support/wire_edit.h"
 
 namespace cvtest {
@@ -111,6 +113,64 @@ TEST(Wire, NestedRecordsRestartTheirTagsInPlace) {
         at += 8 + be32(wire.data() + at + 4);
     }
     EXPECT_EQ(wire.size(), at);
+}
+
+// Every length of a text in one field of each capacity the records use (all
+// lengths up to 300 bytes, the ends and a stride beyond): the element holds
+// exactly the text and its NUL with the padding left as it was, the length
+// operation agrees, and both reads write the text and its NUL and leave the
+// rest of the field as it was. Serialised into a buffer of exactly the
+// announced length, so a sanitizer sees any write past it.
+TEST(Wire, EveryTextLengthOfEveryCapacity) {
+    std::map<uint16_t, std::pair<const CorVaneSchema*, const CorVaneField*>> picks;
+    for (const CorVaneSchema* s : allRecords())
+        for (uint32_t i = 0; i < s->fieldCount; ++i)
+            if (s->fields[i].kind == CORVANE_FIELD_TEXT)
+                picks.emplace(s->fields[i].capacity, std::pair{s, &s->fields[i]});
+    ASSERT_GE(picks.size(), 8u);
+    clearLog();
+    for (const auto& [cap, pick] : picks) {
+        const auto [schema, field] = pick;
+        const TypedOps& ops = typedOps(schema);
+        std::vector<size_t> lengths;
+        for (size_t n = 0; n < cap; ++n)
+            if (cap <= 300 || n < 100 || n + 100 >= cap || n % 37 == 0) lengths.push_back(n);
+        Record rec(schema), back(schema);
+        char* text = reinterpret_cast<char*>(rec.data() + field->offset);
+        char* got = reinterpret_cast<char*>(back.data() + field->offset);
+        for (size_t n : lengths) {
+            SCOPED_TRACE(std::string(schema->name) + "." + field->name + " length " +
+                         std::to_string(n));
+            std::memset(text, 0, cap);
+            for (size_t k = 0; k < n; ++k) text[k] = static_cast<char>('a' + (k * 7 + n) % 26);
+            const uint32_t length = ops.length(rec.data());
+            Bytes wire(length, 0xA5);
+            uint8_t* out = wire.data();
+            ASSERT_EQ(0u, ops.serialize(rec.data(), &out));
+            ASSERT_EQ(wire.data() + length, out);
+            size_t at = 0;
+            for (const Element& e : elements(*schema, rec.data()))
+                if (e.field == field && e.levels.size() == 1) at = e.wireOffset;
+            const uint32_t padded = static_cast<uint32_t>(((n + 1) & ~size_t{3}) + 4);
+            ASSERT_EQ(field - schema->fields + CORVANE_FIRST_TAG, be32(&wire[at]));
+            ASSERT_EQ(padded, be32(&wire[at + 4]));
+            ASSERT_EQ(0, std::memcmp(text, &wire[at + 8], n + 1));
+            for (size_t p = n + 1; p < padded; ++p) ASSERT_EQ(0xA5, wire[at + 8 + p]) << p;
+
+            ExactBuffer exact(wire);
+            for (bool bounded : {false, true}) {
+                std::memset(got, '#', cap);
+                const uint8_t* in = exact.data();
+                ASSERT_EQ(0u, bounded ? ops.unserializeBounded(back.data(), &in, in + length)
+                                      : ops.unserialize(back.data(), &in));
+                ASSERT_EQ(exact.data() + length, in);
+                ASSERT_EQ(0, std::memcmp(text, got, n + 1)) << bounded;
+                ASSERT_EQ(std::string(cap - n - 1, '#'), std::string(got + n + 1, cap - n - 1))
+                    << bounded;
+            }
+        }
+    }
+    EXPECT_TRUE(logLines().empty());
 }
 
 // Tags above 255 are written and read in full: a record of 300 words (built
