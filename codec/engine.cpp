@@ -407,7 +407,13 @@ inline uint32_t textLength(const uint8_t* m, uint32_t capacity) {
 
 // ---- copy ----------------------------------------------------------------
 
-uint32_t copyFields(const CorVaneSchema& s, uint8_t* d, const uint8_t* src, const FnName* who);
+uint32_t copyFrom(const CorVaneSchema& s, const CorVaneField* f, uint8_t* d, const uint8_t* src,
+                  const FnName* who);
+
+inline uint32_t copyFields(const CorVaneSchema& s, uint8_t* d, const uint8_t* src,
+                           const FnName* who) {
+    return copyFrom(s, s.fields, d, src, who);
+}
 
 // A nested record or a record array.
 CV_NOINLINE uint32_t copyNested(const CorVaneSchema& s, const CorVaneField* f, uint8_t* d,
@@ -435,9 +441,10 @@ CV_NOINLINE uint32_t copyNested(const CorVaneSchema& s, const CorVaneField* f, u
     return kOk;
 }
 
-uint32_t copyFields(const CorVaneSchema& s, uint8_t* d, const uint8_t* src, const FnName* who) {
-    const CorVaneField* f = s.fields;
-    const CorVaneField* const last = f + s.fieldCount;
+// Copies the fields of src from f on.
+CV_NOINLINE uint32_t copyFrom(const CorVaneSchema& s, const CorVaneField* f, uint8_t* d,
+                              const uint8_t* src, const FnName* who) {
+    const CorVaneField* const last = s.fields + s.fieldCount;
     while (f != last) {
         switch (f->kind) {
             case CORVANE_FIELD_U32:
@@ -815,9 +822,18 @@ CV_NOINLINE uint32_t decodeFrom(const CorVaneSchema& s, uint8_t* rec, Reader<kBo
 
 }  // namespace
 
+// As the other entry points below, the leading run of u32 fields is copied
+// here and the general walk, reached by a tail call, takes what follows.
 uint32_t copyRecord(const CorVaneSchema& s, void* dst, const void* src, const FnName* who) {
     if (dst == src) return kOk;
-    return copyFields(s, static_cast<uint8_t*>(dst), static_cast<const uint8_t*>(src), who);
+    auto* const d = static_cast<uint8_t*>(dst);
+    const auto* const r = static_cast<const uint8_t*>(src);
+    const CorVaneField* f = s.fields;
+    const CorVaneField* const last = f + s.fieldCount;
+    for (; f != last && f->kind == CORVANE_FIELD_U32; ++f)
+        std::memcpy(d + f->offset, r + f->offset, 4);
+    if (f != last) return copyFrom(s, f, d, r, who);
+    return kOk;
 }
 
 // The entry points walk a record's leading run of u32 fields themselves and
