@@ -599,22 +599,33 @@ CV_NOINLINE uint32_t encodeFrom(const CorVaneSchema& s, const uint8_t* rec, Sink
                                 const uint8_t* start) {
     const CorVaneField* const last = s.fields + s.fieldCount;
     const bool stepped = s.fieldCount <= kSteppedTags;
+    // The walk writes through a copy of the sink that never leaves this
+    // function, so its position can stay in a register: the caller's sink
+    // may lie anywhere, and every byte written would otherwise force it to
+    // be read again. The caller's sink is brought up to date around the
+    // nested records and on the way out.
+    Sink o = out;
     while (f != last) {
         const uint8_t kind = f->kind;
         if (kind == CORVANE_FIELD_U32) {
             // A run of u32 fields in one tight loop.
-            f = out.u32Run(f, last, rec, tag, stepped);
+            f = o.u32Run(f, last, rec, tag, stepped);
             continue;
         }
         if (kind == CORVANE_FIELD_TEXT) {
-            if (!out.text(tag, rec + f->offset, f->capacity))
+            if (!o.text(tag, rec + f->offset, f->capacity)) {
+                out = o;
                 return textTooLong(s, f, rec, start, who);
-        } else if (const uint32_t st = encodeNested(s, f, rec, out, start, who)) {
-            return st;
+            }
+        } else {
+            out = o;
+            if (const uint32_t st = encodeNested(s, f, rec, out, start, who)) return st;
+            o = out;
         }
         ++f;
         ++tag;
     }
+    out = o;
     return kOk;
 }
 
