@@ -841,8 +841,11 @@ uint32_t copyRecord(const CorVaneSchema& s, void* dst, const void* src, const Fn
     const auto* const r = static_cast<const uint8_t*>(src);
     const CorVaneField* f = s.fields;
     const CorVaneField* const last = f + s.fieldCount;
-    for (; f != last && f->kind == CORVANE_FIELD_U32; ++f)
-        std::memcpy(d + f->offset, r + f->offset, 4);
+    if (f != last && f->kind == CORVANE_FIELD_U32) {
+        do {
+            std::memcpy(d + f->offset, r + f->offset, 4);
+        } while (++f != last && f->kind == CORVANE_FIELD_U32);
+    }
     if (f != last) return copyFrom(s, f, d, r, who);
     return kOk;
 }
