@@ -198,16 +198,24 @@ uint32_t unserializeBody(const Msg& m, uint32_t kind, const uint8_t* buffer, con
     const uint8_t* cursor = buffer;
 
     // Tag 0: the magic, taken as it comes; the receive function checks it.
-    uint32_t magic = 0;
-    uint32_t st = decodeWord(0, &magic, &cursor, limit, buffer, req);
-    if (st == kMismatch) log(kPrioError, req, __LINE__, "pBody(%p): Type(%d) -> Error Before\n",
-                             static_cast<const void*>(buffer), 1);
     // Tag 1: 0, or 1 for the one message that writes 1; only the low 16 bits count.
-    uint32_t word = 0;
-    if (!st) st = decodeWord(1, &word, &cursor, limit, buffer, req);
-    if (st) {
-        std::free(b);
-        return st == kOverrun ? CORVANE_E_ELEMENT : CORVANE_E_ENVELOPE;
+    uint32_t magic = 0, word = 0;
+    if ((!limit || limit - cursor >= static_cast<ptrdiff_t>(kEnvelopeBytes)) &&
+        load64(cursor) == headerBytes(0, 4) && load64(cursor + 12) == headerBytes(1, 4)) {
+        // The usual envelope, both words read at once.
+        magic = loadBe32(cursor + 8);
+        word = loadBe32(cursor + 20);
+        cursor += kEnvelopeBytes;
+    } else {
+        uint32_t st = decodeWord(0, &magic, &cursor, limit, buffer, req);
+        if (st == kMismatch)
+            log(kPrioError, req, __LINE__, "pBody(%p): Type(%d) -> Error Before\n",
+                static_cast<const void*>(buffer), 1);
+        if (!st) st = decodeWord(1, &word, &cursor, limit, buffer, req);
+        if (st) {
+            std::free(b);
+            return st == kOverrun ? CORVANE_E_ELEMENT : CORVANE_E_ENVELOPE;
+        }
     }
     if ((word & 0xffff) != m.envelope) {
         std::free(b);
@@ -215,7 +223,7 @@ uint32_t unserializeBody(const Msg& m, uint32_t kind, const uint8_t* buffer, con
     }
     std::memcpy(b, &magic, sizeof magic);  // ref stays 0
 
-    st = decodeRecord(*m.payload, payloadOf(b), &cursor, limit, payloadWho(m, req));
+    const uint32_t st = decodeRecord(*m.payload, payloadOf(b), &cursor, limit, payloadWho(m, req));
     if (st) {
         std::free(b);
         return st;
