@@ -407,6 +407,15 @@ inline uint32_t textLength(const uint8_t* m, uint32_t capacity) {
 
 // ---- copy ----------------------------------------------------------------
 
+// Copies the run of u32 fields that starts at f; returns the field after it.
+inline const CorVaneField* copyU32Run(const CorVaneField* f, const CorVaneField* last, uint8_t* d,
+                                      const uint8_t* src) {
+    do {
+        std::memcpy(d + f->offset, src + f->offset, 4);
+    } while (++f != last && f->kind == CORVANE_FIELD_U32);
+    return f;
+}
+
 uint32_t copyFrom(const CorVaneSchema& s, const CorVaneField* f, uint8_t* d, const uint8_t* src,
                   const FnName* who);
 
@@ -448,10 +457,7 @@ CV_NOINLINE uint32_t copyFrom(const CorVaneSchema& s, const CorVaneField* f, uin
     while (f != last) {
         switch (f->kind) {
             case CORVANE_FIELD_U32:
-                // A run of u32 fields in one tight loop.
-                do {
-                    std::memcpy(d + f->offset, src + f->offset, 4);
-                } while (++f != last && f->kind == CORVANE_FIELD_U32);
+                f = copyU32Run(f, last, d, src);
                 continue;
             case CORVANE_FIELD_TEXT: {
                 // An over-long (unterminated) source is cut to capacity - 1.
@@ -841,11 +847,7 @@ uint32_t copyRecord(const CorVaneSchema& s, void* dst, const void* src, const Fn
     const auto* const r = static_cast<const uint8_t*>(src);
     const CorVaneField* f = s.fields;
     const CorVaneField* const last = f + s.fieldCount;
-    if (f != last && f->kind == CORVANE_FIELD_U32) {
-        do {
-            std::memcpy(d + f->offset, r + f->offset, 4);
-        } while (++f != last && f->kind == CORVANE_FIELD_U32);
-    }
+    if (f != last && f->kind == CORVANE_FIELD_U32) f = copyU32Run(f, last, d, r);
     if (f != last) return copyFrom(s, f, d, r, who);
     return kOk;
 }
