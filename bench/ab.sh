@@ -23,13 +23,8 @@ if [[ ! -e $lib ]]; then
 fi
 cases=("$@")
 if (( ${#cases[@]} == 0 )); then
-  cases=(lineCallState/full/serialize lineCallState/full/unserialize lineCallState/full/copy
-         FaxT38/full/serialize FaxT38/full/unserialize
-         CallingFeatures/full/serialize CallingFeatures/full/unserialize
-         CallingFeatures/full/serialize_lg CallingFeatures/full/copy
-         ProfileSIP/full/serialize ProfileSIP/full/unserialize
-         NumberingPlan/full/serialize NumberingPlan/full/unserialize
-         VoiceProfile/full/serialize VoiceProfile/full/unserialize VoiceProfile/full/serialize_lg)
+  source bench/cases.sh
+  for c in "${default_cases[@]}"; do [[ $c == trip/* ]] || cases+=("$c"); done
 fi
 echo "-- A: $rev ($lib), B: working tree (build/bench); ns per operation, medians of ${AB_ROUNDS:-300} batch pairs"
 for c in "${cases[@]}"; do

@@ -11,15 +11,8 @@ bin=build/bench/bench/corvane_bench_opcount
 n=200
 cases=("$@")
 if (( ${#cases[@]} == 0 )); then
-  cases=(lineCallState/full/serialize lineCallState/full/unserialize lineCallState/full/copy
-         lineStats/full/serialize lineStats/full/unserialize
-         FaxT38/full/serialize FaxT38/full/unserialize
-         CallingFeatures/full/serialize CallingFeatures/full/unserialize
-         CallingFeatures/full/serialize_lg CallingFeatures/full/copy
-         CallingFeatures/empty/serialize CallingFeatures/empty/unserialize
-         VoiceProfile/full/serialize VoiceProfile/full/unserialize VoiceProfile/full/serialize_lg
-         VoiceProfile/empty/serialize VoiceProfile/empty/unserialize
-         trip/SetLineCallState/send trip/SetProfileConfig/send)
+  source bench/cases.sh
+  cases=("${default_cases[@]}")
 fi
 printf '%-42s %14s\n' case "instr/op"
 for c in "${cases[@]}"; do
