@@ -101,6 +101,12 @@ inline uint32_t nulMask16(const uint8_t* p) {
     return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_setzero_si128())));
 }
 
+// Copies the 16 bytes at s to d.
+inline void move16(uint8_t* d, const uint8_t* s) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
+                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
+}
+
 // The 0x80 bits of the NUL bytes of a little-endian word; the lowest one is
 // exact (x86 is little-endian).
 inline uint64_t nulBits64(uint64_t w) {
@@ -213,8 +219,7 @@ CV_NOINLINE size_t copyThroughNulSse2(uint8_t* d, const uint8_t* s, size_t lim) 
     n = lim - 16 + static_cast<size_t>(__builtin_ctz(nulMask16(s + lim - 16)));
 last:
     // The 16 bytes that end with the NUL (n >= 16 here).
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + n - 15),
-                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + n - 15)));
+    move16(d + n - 15, s + n - 15);
     return n;
 }
 
@@ -281,10 +286,8 @@ CV_AVX2 CV_NOINLINE size_t copyThroughNulAvx2(uint8_t* d, const uint8_t* s, size
 last:
     // s[i, n] is left, fewer than 32 bytes, and n >= 16.
     if (n >= i + 16)
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i),
-                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i)));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + n - 15),
-                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + n - 15)));
+        move16(d + i, s + i);
+    move16(d + n - 15, s + n - 15);
     return n;
 }
 
@@ -351,10 +354,8 @@ CV_NOINLINE size_t copyThroughNulLong(uint8_t* d, const uint8_t* s, size_t lim) 
     if (lim > 32) return copyThroughNulBlocks(d, s, lim);
     // The first NUL of the last 16 bytes is the text's (n >= 16).
     const size_t n = lim - 16 + static_cast<size_t>(__builtin_ctz(nulMask16(s + lim - 16)));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
-                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + n - 15),
-                     _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + n - 15)));
+    move16(d, s);
+    move16(d + n - 15, s + n - 15);
     return n;
 }
 
