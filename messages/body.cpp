@@ -78,12 +78,16 @@ FnName receiveName(const Msg& m) { return roleName(m, "corVane_recvReq_", "corVa
 
 // A body whose magic is not the message's own is a programming error: the
 // body was freed already, or belongs to another message.
+// CORVANE_MAGIC_MSGCMD_<NAME> / CORVANE_MAGIC_MSGNTFY_<NAME>
+FnName magicLabel(const Msg& m) {
+    return {isCommand(m) ? "CORVANE_MAGIC_MSGCMD_" : "CORVANE_MAGIC_MSGNTFY_", m.name, "",
+            FnName::Case::kUpper};
+}
+
 [[noreturn]] __attribute__((noinline, cold)) void wrongMagic(const Msg& m, const void* body,
                                                              uint32_t found, const FnName& who) {
     char label[kFnNameMax];
-    FnName{isCommand(m) ? "CORVANE_MAGIC_MSGCMD_" : "CORVANE_MAGIC_MSGNTFY_", m.name, "",
-           FnName::Case::kUpper}
-        .render(label, sizeof label);
+    magicLabel(m).render(label, sizeof label);
     log(kPrioFatal, who, __LINE__, "Check Magic[%s-%X] Ctx[ptr(%p) magic(%X)] text[%s]\n", label,
         m.magic, body, found, "");
     std::abort();
@@ -216,6 +220,17 @@ uint32_t unserializeBody(const Msg& m, uint32_t kind, const uint8_t* buffer, con
             std::free(b);
             return st == kOverrun ? CORVANE_E_ELEMENT : CORVANE_E_ENVELOPE;
         }
+    }
+    // Bytes from another process must not carry another message's magic (or
+    // none) into a body: the receive function and freeBody would abort on it.
+    // The bounded reader, the one for such bytes, refuses it here.
+    if (bounded && magic != m.magic) {
+        char label[kFnNameMax];
+        log(kPrioError, req, __LINE__, "pBody(%p): Check Magic[%s-%X] magic(%X) refused\n",
+            static_cast<const void*>(buffer), magicLabel(m).render(label, sizeof label), m.magic,
+            magic);
+        std::free(b);
+        return CORVANE_E_ENVELOPE;
     }
     if ((word & 0xffff) != m.envelope) {
         std::free(b);

@@ -133,6 +133,15 @@ const HostileCase kCases[] = {
     {"BodyCountAllOnes", "SetProfileFQDNServers",
      [] { return words({0, 4, kFqdnMagic, 1, 4, 0, 3, 4, 1, 4, 4, 0xFFFFFFFFu}); },
      {4, 0, {"corVane_FQDNServers_unserialize: pBody({+48}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
+    // ---- magics -------------------------------------------------------------------
+    // Another message's magic (SetRegistrationStatus shares none with this
+    // one), and none at all: refused by the bounded reader, where the classic
+    // callback builds a body that would abort in the receive function.
+    {"AnotherMessagesMagic", "SetLineCallState",
+     [] { return words({0, 4, 0x20132510u, 1, 4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3}); },
+     {2, 0, {kLineCallBody + "pBody({+0}): Check Magic[CORVANE_MAGIC_MSGCMD_SETLINECALLSTATE-20132509] magic(20132510) refused\n"}}, {}},
+    {"NoMagic", "OnMakeCall", [] { return words({0, 4, 0, 1, 4, 0}); },
+     {2, 0, {"corVane_cbEvtMsgMngt_unserializeBody_msgNtfyReq_onMakeCall: pBody({+0}): Check Magic[CORVANE_MAGIC_MSGNTFY_ONMAKECALL-20140808] magic(0) refused\n"}}, {}},
     // Only the low 16 bits of the tag-1 word count: 0x10001 is SetCapabilities' 1...
     {"Tag1Word0x10001ForSetCapabilities", "SetCapabilities",
      [] { return bodyWithWord("SetCapabilities", 0x10001u); }, {0, 0, {}}, Answer{0, 0, {}}},

@@ -251,9 +251,16 @@ CORVANE_API const CorVaneMessageInfo *corVane_messageInfo(uint32_t intf, uint32_
 CORVANE_API const CorVaneMessageInfo *corVane_messageByName(const char *name);
 
 /*
- * The message's unserializeBody callback with the buffer's length known:
- * behaves as the callback on every buffer whose elements lie within length
- * bytes, and returns 4 with one log line instead of reading past them.
+ * The message's unserializeBody callback with the buffer's length known, for
+ * bytes from another process. It behaves as the callback on every buffer
+ * whose elements lie within length bytes and whose tag-0 element carries the
+ * message's own magic, with two differences:
+ *  - an element that runs past the end gives 4 with one log line instead of
+ *    a read past it;
+ *  - a tag-0 magic that is not msg->magic gives 2 with one log line
+ *    ("Check Magic[<label>-<magic>] magic(<found>) refused"), and no body,
+ *    where the callback would build a body that aborts the process at the
+ *    next magic check.
  */
 CORVANE_API uint32_t corVane_unserializeBody_bounded(const CorVaneMessageInfo *msg, uint32_t kind,
                                                      const uint8_t *buffer, size_t length,
