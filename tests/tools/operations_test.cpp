@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "inspect.h"
+#include "hex_input.h"
 
 namespace {
 

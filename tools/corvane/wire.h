@@ -60,10 +60,6 @@ struct Walk {
 // Reads a whole serialised body of message m: envelope, then payload.
 Walk walkBody(const CorVaneMessageInfo& m, std::span<const uint8_t> body);
 
-// Hex text to bytes; whitespace is ignored. Throws std::runtime_error naming
-// the first character that is not a hex digit, or an odd digit count.
-std::vector<uint8_t> parseHex(std::string_view text);
-
 // Escapes a text for display: printable ASCII as is, the rest as \xNN.
 std::string escaped(std::string_view text);
 
