@@ -1,10 +1,11 @@
-# Runs corvane-inspect once and checks its exit status and output:
+# Runs corvane once and checks its exit status and output:
 #   cmake -DEXE=... -DARGS="decode|--method|X|file" [-DRC=1] [-DGOLDEN=file]
-#         [-DSTDOUT=regex] [-DSTDERR=regex] -P run_cli.cmake
+#         [-DSTDOUT=regex] [-DSTDERR=regex] [-DJSON_OUT=n] [-DJSON_ERR=n] -P run_cli.cmake
 # ARGS separates the arguments with '|'. GOLDEN compares stdout byte for byte.
+# JSON_OUT / JSON_ERR: stdout / stderr is exactly n lines, each a JSON object.
 string(REPLACE "|" ";" args "${ARGS}")
 execute_process(COMMAND ${EXE} ${args} RESULT_VARIABLE rc OUTPUT_VARIABLE out
-                ERROR_VARIABLE err)
+                ERROR_VARIABLE err TIMEOUT 30)
 if(NOT DEFINED RC)
   set(RC 0)
 endif()
@@ -26,6 +27,34 @@ endif()
 if(DEFINED STDERR AND NOT err MATCHES "${STDERR}")
   string(APPEND problems "stderr does not match '${STDERR}'\n")
 endif()
+
+function(check_json_lines text expected what)
+  string(REGEX REPLACE "\n$" "" text "${text}")
+  string(REPLACE ";" "\\;" text "${text}")
+  string(REPLACE "\n" ";" lines "${text}")
+  list(LENGTH lines n)
+  if(text STREQUAL "")
+    set(n 0)
+  endif()
+  if(NOT n EQUAL expected)
+    string(APPEND problems "${what}: ${n} lines, expected ${expected}\n")
+  endif()
+  foreach(line IN LISTS lines)
+    string(JSON type ERROR_VARIABLE error TYPE "${line}")
+    if(error OR NOT type STREQUAL "OBJECT")
+      string(APPEND problems "${what}: not a JSON object: ${line}\n")
+      break()
+    endif()
+  endforeach()
+  set(problems "${problems}" PARENT_SCOPE)
+endfunction()
+if(DEFINED JSON_OUT)
+  check_json_lines("${out}" ${JSON_OUT} stdout)
+endif()
+if(DEFINED JSON_ERR)
+  check_json_lines("${err}" ${JSON_ERR} stderr)
+endif()
+
 if(problems)
   message(FATAL_ERROR "${EXE} ${args}\n${problems}--- stdout\n${out}--- stderr\n${err}")
 endif()

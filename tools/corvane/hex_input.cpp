@@ -107,13 +107,18 @@ public:
         reach(offset);
         bytes.insert(bytes.end(), data.begin(), data.end());
         if (!data.empty()) lastRow_ = data;
+        if (firstRow_ == 0) firstRow_ = data.size();
     }
 
     // A line that holds only an offset: the end of the dump.
     void end(uint64_t offset) { reach(offset); }
 
+    // Bytes of the first row; 0 before it.
+    size_t rowWidth() const { return firstRow_; }
+
 private:
     std::vector<uint8_t> lastRow_;
+    size_t firstRow_ = 0;
     bool pendingRepeat_ = false;
 
     void reach(uint64_t offset) {
@@ -162,8 +167,10 @@ void pipeLine(OffsetRows& rows, const std::string& line) {
 
 // After "offset:" the bytes run up to two spaces; a further run after two
 // spaces still belongs to them when its groups are as wide as the first
-// ones ("0000: 00 .. 07  08 .. 0f"); anything else is the ascii column.
+// ones ("0000: 00 .. 07  08 .. 0f") and the row stays within the width of
+// the first row; anything else is the ascii column.
 void colonLine(OffsetRows& rows, const std::string& line) {
+    const size_t rowWidth = rows.rowWidth();
     if (line == "*") return rows.repeat();
     const size_t colon = line.find(':');
     if (colon == std::string::npos) throw LineError("no 'offset:' at the start");
@@ -187,7 +194,7 @@ void colonLine(OffsetRows& rows, const std::string& line) {
             if (!sameWidth) throw LineError("byte groups of different widths");
             width = groups.front().size();
             data = first;
-        } else if (sameWidth) {
+        } else if (sameWidth && (rowWidth == 0 || data.size() + groups.size() * width / 2 <= rowWidth)) {
             const std::vector<uint8_t> more = rowBytes(groups);
             data.insert(data.end(), more.begin(), more.end());
         } else {

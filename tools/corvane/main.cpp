@@ -155,12 +155,13 @@ int verbSchema(const Args& a) {
 int verbDecode(const Args& a) {
     const bool annotate = a.flag("annotate");
     if (annotate && a.json()) throw Failure(kExitUsage, "--annotate and --json exclude each other");
+    const std::string method = a.value("method");
+    const CorVaneMessageInfo* named = method.empty() ? nullptr : &message(method);
     const std::string path = a.value("FILE", "-");
     const std::string where = path == "-" ? "standard input" : path;
     const std::string raw = cvi::readInput(path);
     const std::vector<uint8_t> bytes = a.flag("hex") ? hexBody(raw, where) : binaryBody(raw, where);
-    const std::string method = a.value("method");
-    const CorVaneMessageInfo& m = method.empty() ? messageOfMagic(bytes) : message(method);
+    const CorVaneMessageInfo& m = named ? *named : messageOfMagic(bytes);
 
     const cvi::Decoded d = cvi::decodeBody(m, bytes);
     if (annotate) cvi::printAnnotated(std::cout, m, bytes, d.walk);

@@ -302,6 +302,9 @@ private:
     void body(sd_bus_message* m, bool call) {
         const char* member = sd_bus_message_get_member(m);
         const char* iface = sd_bus_message_get_interface(m);
+        // Only our interfaces: the bus also tells the monitor about its own name.
+        if (!iface || (std::strcmp(iface, kCmdInterface) != 0 && std::strcmp(iface, kNtfyInterface) != 0))
+            return;
         const CorVaneMessageInfo* info = member ? findMessage(member) : nullptr;
         if (!shown(info)) return;
         uint64_t serial = 0;
@@ -318,8 +321,8 @@ private:
         const char* expected = info && info->intf == CORVANE_INTF_CMD ? kCmdInterface : kNtfyInterface;
         if (!info)
             notes.push_back("no message of that name");
-        else if (!iface || std::strcmp(iface, expected) != 0)
-            notes.push_back(std::string("a ") + interfaceKind(*info) + " on " + (iface ? iface : "no interface"));
+        else if (std::strcmp(iface, expected) != 0)
+            notes.push_back(std::string("a ") + interfaceKind(*info) + " on " + iface);
         else if (call != (info->intf == CORVANE_INTF_CMD))
             notes.push_back(std::string("a ") + interfaceKind(*info) + " sent as a " + (call ? "method call" : "signal"));
 
