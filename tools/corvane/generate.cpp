@@ -44,8 +44,9 @@ std::string roffSynopsis(const VerbSpec& v) {
         } else {
             std::string first = o.names;
             first = first.substr(0, first.find(','));
-            out += " [\\fB" + roff(first) + "\\fR" +
-                   (o.value ? std::string(" \\fI") + roff(o.value) + "\\fR" : "") + "]";
+            out += std::string(o.required ? " " : " [") + "\\fB" + roff(first) + "\\fR" +
+                   (o.value ? std::string(" \\fI") + roff(o.value) + "\\fR" : "") +
+                   (o.required ? "" : "]");
         }
     }
     return out;
@@ -99,7 +100,9 @@ std::string manPage(const std::string& version) {
     std::ostringstream os;
     os << ".TH CORVANE 1 \"\" \"corvane " << roff(version) << "\" \"User Commands\"\n"
        << ".SH NAME\ncorvane \\- decode, build and watch libCorvane message bodies\n"
-       << ".SH SYNOPSIS\n";
+       << ".SH SYNOPSIS\n"
+       << "\\fBcorvane\\fR [\\fB\\-\\-json\\fR] [\\fB\\-\\-bus\\fR \\fIADDRESS\\fR] "
+          "\\fIVERB\\fR [\\fIARGUMENTS\\fR]\n.br\n";
     for (const VerbSpec& v : verbTable()) os << roffSynopsis(v) << "\n.br\n";
     os << "\\fBcorvane \\-\\-version\\fR\n"
        << ".SH DESCRIPTION\n"

@@ -187,9 +187,7 @@ int verbDecode(const Args& a) {
 }
 
 int verbEncode(const Args& a) {
-    const std::string method = a.value("method");
-    if (method.empty()) throw Failure(kExitUsage, "encode needs --method METHOD");
-    const CorVaneMessageInfo& m = message(method);
+    const CorVaneMessageInfo& m = message(a.value("method"));
     const std::string path = a.value("FILE", "-");
     const cvi::Json payload = cvi::payloadArgument("@" + path);
     const cvi::Encoded e = cvi::encodeBody(m, payload);
@@ -258,6 +256,7 @@ void addOptions(CLI::App& app, std::span<const cvi::OptionSpec> options, Args& a
         else
             opt = app.add_option(o.names, args.values[key], o.help);
         if (o.value && !cvi::isPositional(o)) opt->type_name(o.value);
+        if (o.required) opt->required();
     }
 }
 

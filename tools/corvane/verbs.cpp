@@ -23,7 +23,7 @@ const OptionSpec kDecode[] = {
 };
 
 const OptionSpec kEncode[] = {
-    {"-m,--method", "METHOD", "The method whose body to build", Complete::kMethod},
+    {"-m,--method", "METHOD", "The method whose body to build", Complete::kMethod, false, true},
     {"--hex", nullptr, "Write hex digits instead of binary"},
     {"-o,--output", "OUT", "Write to OUT instead of standard output", Complete::kFile},
     {"FILE", "FILE", "The payload as JSON; - or none for standard input", Complete::kFile},

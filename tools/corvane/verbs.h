@@ -16,6 +16,7 @@ struct OptionSpec {
     const char* help;
     Complete complete = Complete::kNone;
     bool many = false;  // a positional argument taking any number of values
+    bool required = false;
 };
 
 struct VerbSpec {
