@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "bus_names.h"
+#include "cli.h"
 #include "hex_input.h"
 #include "inspect.h"
 #include "quib_stub.h"
@@ -473,6 +474,37 @@ TEST_F(SendTable, EveryMessageArrivesWithItsPayload) {
         EXPECT_EQ(got[i].payload, in);
     }
     EXPECT_EQ(cvi::findSendEntry("SetNothing"), nullptr);
+}
+
+// call and emit take their payload as JSON text or @FILE.
+TEST(PayloadArgument, JsonTextOrFile) {
+    const std::string dir = ::testing::TempDir();
+    const std::string file = dir + "/payload.json";
+    FILE* f = std::fopen(file.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs(R"({"value1": 4})", f);
+    std::fclose(f);
+    EXPECT_EQ(cvi::payloadArgument(R"({"value1":1})"), Json::parse(R"({"value1":1})"));
+    EXPECT_EQ(cvi::payloadArgument("@" + file), Json::parse(R"({"value1":4})"));
+    struct Case {
+        std::string arg;
+        int status;
+        const char* error;
+    } cases[] = {
+        {"{value1: 1}", cvi::kExitRefused, "the payload argument is not JSON"},
+        {"@" + dir, cvi::kExitUsage, "is a directory"},
+        {"@" + dir + "/no-such-file", cvi::kExitUsage, "cannot read"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arg);
+        try {
+            cvi::payloadArgument(c.arg);
+            ADD_FAILURE() << "accepted";
+        } catch (const cvi::Failure& e) {
+            EXPECT_EQ(e.exitStatus, c.status);
+            EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
+        }
+    }
 }
 
 }  // namespace

@@ -186,15 +186,15 @@ void colonLine(OffsetRows& rows, const std::string& line) {
         if (end == std::string::npos) end = rest.size();
         const std::vector<std::string> groups = tokens(rest.substr(pos, end - pos), " ");
         if (groups.empty()) break;
-        bool sameWidth = true;
-        for (const std::string& g : groups)
-            sameWidth = sameWidth && isHex(g) && (width == 0 ? g.size() % 2 == 0 : g.size() == width);
-        if (width == 0) {
-            const std::vector<uint8_t> first = rowBytes(groups);  // throws on a bad group
-            if (!sameWidth) throw LineError("byte groups of different widths");
+        if (width == 0) {  // the first run: bytes, whatever follows
+            data = rowBytes(groups);
             width = groups.front().size();
-            data = first;
-        } else if (sameWidth && (rowWidth == 0 || data.size() + groups.size() * width / 2 <= rowWidth)) {
+            pos = end;
+            continue;
+        }
+        bool sameWidth = true;
+        for (const std::string& g : groups) sameWidth = sameWidth && isHex(g) && g.size() == width;
+        if (sameWidth && (rowWidth == 0 || data.size() + groups.size() * width / 2 <= rowWidth)) {
             const std::vector<uint8_t> more = rowBytes(groups);
             data.insert(data.end(), more.begin(), more.end());
         } else {
