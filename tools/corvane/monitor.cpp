@@ -65,7 +65,7 @@ Bus connect(const std::string& address, bool monitor) {
     if (r >= 0 && monitor) r = sd_bus_set_monitor(raw, 1);
     if (r >= 0) r = sd_bus_set_method_call_timeout(raw, kCallTimeoutUsec);
     if (r >= 0) r = sd_bus_start(raw);
-    if (r < 0) throw BusGone("cannot connect to the bus at " + address + ": " + errnoText(r));
+    if (r < 0) throw BusGone("cannot connect to the bus: " + errnoText(r));
     return bus;
 }
 
@@ -211,7 +211,7 @@ private:
         if (r >= 0) r = sd_bus_call(monitor_.get(), raw, kCallTimeoutUsec, &error, nullptr);
         const std::string why = error.message ? error.message : errnoText(r);
         sd_bus_error_free(&error);
-        if (r < 0) throw BusGone("the bus at " + address_ + " refused to be monitored: " + why);
+        if (r < 0) throw BusGone("the bus refused to be monitored: " + why);
     }
 
     // Handles what has arrived, then waits for more; true once a signal
