@@ -237,6 +237,7 @@ TEST_F(Monitor, ShowsCommandsAnswersAndNotificationsDecoded) {
     EXPECT_EQ(lines[0]["destination"], "mgmt");
     EXPECT_EQ(lines[0]["destination_bus_name"], "org.corvane.user.mgmt");
     EXPECT_EQ(lines[0]["payload"], Json::parse(R"({"value1":1,"value2":2,"value3":0})"));
+    EXPECT_EQ(lines[0]["decode_status"], 0);
 
     EXPECT_EQ(lines[1]["type"], "return");
     EXPECT_EQ(lines[1]["method"], "SetLineCallState");
@@ -254,7 +255,7 @@ TEST_F(Monitor, ShowsCommandsAnswersAndNotificationsDecoded) {
 
     EXPECT_EQ(lines[3]["type"], "call");
     EXPECT_EQ(lines[3]["bytes"], 40);
-    EXPECT_EQ(lines[3]["status"], 4);
+    EXPECT_EQ(lines[3]["decode_status"], 4);
     EXPECT_FALSE(lines[3].contains("payload"));
     const Json& why = lines[3]["decode_error"];
     EXPECT_EQ(why["stopped_at"], 36);

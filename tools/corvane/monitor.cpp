@@ -344,7 +344,7 @@ private:
                     j["payload"] = decodedJson(*info, bytes, *decoded)["payload"];
                 else
                     j["decode_error"] = failureJson(*info, bytes, *decoded);
-                j["status"] = decoded->status;
+                j["decode_status"] = decoded->status;
             }
         }
         if (!notes.empty()) j["notes"] = notes;
