@@ -245,8 +245,8 @@ const std::map<std::string, int (*)(const Args&)> kHandlers = {
     {"encode", verbEncode}, {"monitor", verbMonitor},
 };
 
-void addOptions(CLI::App& app, std::span<const cvi::OptionSpec> options, Args& args) {
-    for (const cvi::OptionSpec& o : options) {
+void addOptions(CLI::App& app, std::span<const cvi::OptionDef> options, Args& args) {
+    for (const cvi::OptionDef& o : options) {
         const std::string key = cvi::optionKey(o);
         CLI::Option* opt;
         if (!o.value)
@@ -283,7 +283,7 @@ int main(int argc, char** argv) {
     std::string generate;
     app.add_flag("--version", version, "Print the version and exit");
     app.add_option("--generate", generate)->check(CLI::IsMember({"man", "bash-completion"}))->group("");
-    for (const cvi::VerbSpec& v : cvi::verbTable()) {
+    for (const cvi::VerbDef& v : cvi::verbTable()) {
         CLI::App* sub = app.add_subcommand(v.name, v.summary);
         addOptions(*sub, v.options, args);
     }

@@ -3,17 +3,17 @@
 namespace cvi {
 namespace {
 
-const OptionSpec kGlobal[] = {
+const OptionDef kGlobal[] = {
     {"--json", nullptr, "One JSON object per line on standard output; errors as {\"error\": ...} on standard error"},
     {"--bus", "ADDRESS", "D-Bus address of the bus (default: $CORVANE_BUS)"},
 };
 
-const OptionSpec kSchema[] = {
+const OptionDef kSchema[] = {
     {"RECORD", "RECORD", "Record type, or a method for its payload; none lists the record types",
      Complete::kRecord},
 };
 
-const OptionSpec kDecode[] = {
+const OptionDef kDecode[] = {
     {"-m,--method", "METHOD", "The body's method; by default the one whose magic the body carries",
      Complete::kMethod},
     {"--hex", nullptr, "The input is a hex dump (plain, xxd, hexdump -C, 0x list, log lines)"},
@@ -22,19 +22,19 @@ const OptionSpec kDecode[] = {
      Complete::kFile},
 };
 
-const OptionSpec kEncode[] = {
+const OptionDef kEncode[] = {
     {"-m,--method", "METHOD", "The method whose body to build", Complete::kMethod, false, true},
     {"--hex", nullptr, "Write hex digits instead of binary"},
     {"-o,--output", "OUT", "Write to OUT instead of standard output", Complete::kFile},
     {"FILE", "FILE", "The payload as JSON; - or none for standard input", Complete::kFile},
 };
 
-const OptionSpec kMonitor[] = {
+const OptionDef kMonitor[] = {
     {"METHOD", "METHOD", "Show only these methods (and the answers to them)", Complete::kMethod,
      true},
 };
 
-const VerbSpec kVerbs[] = {
+const VerbDef kVerbs[] = {
     {"list", "List the 49 messages: interface, index, name, magic, key, payload",
      "Lists the 19 commands and the 30 notifications in table order with their interface, "
      "method index, name, body magic, response or subscription key and payload type.",
@@ -67,12 +67,12 @@ const VerbSpec kVerbs[] = {
 
 }  // namespace
 
-std::span<const VerbSpec> verbTable() { return kVerbs; }
-std::span<const OptionSpec> globalOptions() { return kGlobal; }
+std::span<const VerbDef> verbTable() { return kVerbs; }
+std::span<const OptionDef> globalOptions() { return kGlobal; }
 
-bool isPositional(const OptionSpec& o) { return o.names[0] != '-'; }
+bool isPositional(const OptionDef& o) { return o.names[0] != '-'; }
 
-std::string optionKey(const OptionSpec& o) {
+std::string optionKey(const OptionDef& o) {
     const std::string names = o.names;
     if (isPositional(o)) return names;
     const size_t longName = names.find("--");
