@@ -2,7 +2,7 @@
 // where each element starts, its tag and length, the field path it belongs
 // to and its value, and where and why reading stops on a malformed body.
 // It reads the same way the library's bounded decoder does, so that the stop
-// it finds is the element the decoder refused (the inspector checks the two
+// it finds is the element the decoder refused (corvane checks the two
 // agree); the decoded values shown to users come from the library itself.
 #pragma once
 
