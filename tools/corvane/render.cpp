@@ -1,5 +1,5 @@
-// Text output of the inspector: decoded bodies, failures, annotated dumps,
-// schemas.
+// Output of `corvane`: decoded bodies, failures, annotated dumps, schemas,
+// as text and as JSON.
 #include <algorithm>
 #include <cstdio>
 
@@ -9,20 +9,6 @@ namespace cvi {
 namespace {
 
 constexpr size_t kRowBytes = 16;
-
-const char* intfName(const CorVaneMessageInfo& m) {
-    return m.intf == CORVANE_INTF_CMD ? "command" : "notification";
-}
-
-const char* statusText(uint32_t st) {
-    switch (st) {
-        case CORVANE_E_NOT_PROCESSED: return "not processed";
-        case CORVANE_E_ENVELOPE: return "envelope mismatch";
-        case CORVANE_E_ELEMENT: return "element mismatch, text too long or truncated input";
-        case CORVANE_E_NOMEM: return "out of memory";
-        default: return "unknown status";
-    }
-}
 
 std::string hex32(uint32_t v) {
     char b[16];
@@ -172,10 +158,100 @@ void collectNested(const CorVaneSchema& s, std::vector<const CorVaneSchema*>& ou
     }
 }
 
+// Why the envelope (tag 0 magic, tag 1 word) was refused.
+std::string envelopeReason(const CorVaneMessageInfo& m, std::span<const uint8_t> bytes,
+                           const Decoded& d) {
+    if (!bodyMagic(bytes)) {
+        if (bytes.size() < 12)
+            return "no magic: " + std::to_string(bytes.size()) +
+                   " bytes are too few for the tag-0 element";
+        return "no magic: the first element is tag " + std::to_string(loadBe32(bytes.data())) +
+               " length " + std::to_string(loadBe32(bytes.data() + 4)) +
+               ", not the tag-0 magic element";
+    }
+    if (std::string other = magicMismatch(m, bytes); !other.empty()) return other;
+    if (d.walk.stop) return d.walk.stop->reason;
+    return "envelope refused";
+}
+
 }  // namespace
 
+const char* statusText(uint32_t st) {
+    switch (st) {
+        case CORVANE_OK: return "done";
+        case CORVANE_E_NOT_PROCESSED: return "not processed";
+        case CORVANE_E_ENVELOPE: return "envelope or magic refused";
+        case 3: return "wrong state";
+        case CORVANE_E_ELEMENT: return "malformed payload";
+        case CORVANE_E_NOMEM: return "out of memory";
+        case 20: return "no handler";
+        default: return "unknown status";
+    }
+}
+
+std::string failureLine(const CorVaneMessageInfo& m, std::span<const uint8_t> bytes,
+                        const Decoded& d) {
+    std::string line = std::string(m.name) + ": the " + std::to_string(bytes.size()) +
+                       "-byte body is refused (status " + std::to_string(d.status) + ", " +
+                       statusText(d.status) + "): ";
+    if (d.status == CORVANE_E_ENVELOPE) return line + envelopeReason(m, bytes, d);
+    if (d.walk.stop) {
+        char at[64];
+        std::snprintf(at, sizeof at, "stopped at offset %zu (0x%zx), ", d.walk.stop->offset,
+                      d.walk.stop->offset);
+        return line + at + describeStop(*d.walk.stop);
+    }
+    return line + "the element walk found no fault";
+}
+
+Json failureJson(const CorVaneMessageInfo& m, std::span<const uint8_t> bytes, const Decoded& d) {
+    Json j = Json::object();
+    j["error"] = failureLine(m, bytes, d);
+    j["method"] = m.name;
+    j["status"] = d.status;
+    j["bytes"] = bytes.size();
+    if (d.status == CORVANE_E_ENVELOPE) {
+        j["reason"] = envelopeReason(m, bytes, d);
+        if (const auto magic = bodyMagic(bytes)) j["magic"] = hex32(*magic);
+    } else if (d.walk.stop) {
+        const Stop& s = *d.walk.stop;
+        j["stopped_at"] = s.offset;
+        j["found"] = s.haveTag ? Json{{"tag", s.tagFound}, {"length", s.lengthFound}} : Json();
+        j["expected"] = Json{{"tag", s.tagExpected}, {"field", s.path}, {"kind", s.kind}};
+        j["reason"] = s.reason;
+    }
+    j["log"] = d.log;
+    return j;
+}
+
+Json decodedJson(const CorVaneMessageInfo& m, std::span<const uint8_t> bytes, const Decoded& d) {
+    Json j = Json::object();
+    j["method"] = m.name;
+    j["interface"] = interfaceKind(m);
+    j["index"] = m.index;
+    j["magic"] = hex32(m.magic);
+    j["bytes"] = bytes.size();
+    j["payload"] = recordToJson(*m.payload, static_cast<const uint8_t*>(d.body.get()) +
+                                                CORVANE_BODY_PAYLOAD_OFFSET);
+    if (d.walk.end < bytes.size()) j["unread_bytes"] = bytes.size() - d.walk.end;
+    return j;
+}
+
+Json messageJson(const CorVaneMessageInfo& m) {
+    return Json{{"name", m.name},
+                {"interface", interfaceKind(m)},
+                {"index", m.index},
+                {"magic", hex32(m.magic)},
+                {"key", hex32(m.key)},
+                {"envelope", m.envelope},
+                {"payload", m.payload->name},
+                {"payload_kind", m.flags & CORVANE_MSG_RECORD_PAYLOAD ? "record" : "scalars"},
+                {"need_update", (m.flags & CORVANE_MSG_NEED_UPDATE) != 0},
+                {"body_size", m.bodySize}};
+}
+
 void printDecoded(std::ostream& os, const CorVaneMessageInfo& m, const Decoded& d) {
-    os << m.name << ": " << intfName(m) << " " << m.index << ", magic " << hex32(m.magic)
+    os << m.name << ": " << interfaceKind(m) << " " << m.index << ", magic " << hex32(m.magic)
        << ", payload " << m.payload->name << '\n';
     printRecord(os, *m.payload,
                 static_cast<const uint8_t*>(d.body.get()) + CORVANE_BODY_PAYLOAD_OFFSET, 2);
@@ -224,7 +300,7 @@ std::string magicMismatch(const CorVaneMessageInfo& m, std::span<const uint8_t> 
 
 void printAnnotated(std::ostream& os, const CorVaneMessageInfo& m,
                     std::span<const uint8_t> bytes, const Walk& walk) {
-    os << m.name << " (" << intfName(m) << " " << m.index << ", payload " << m.payload->name
+    os << m.name << " (" << interfaceKind(m) << " " << m.index << ", payload " << m.payload->name
        << "): " << bytes.size() << " bytes\n";
     Rows rows(os, bytes);
     for (const Item& it : walk.items) {
@@ -330,6 +406,48 @@ void printSchema(std::ostream& os, const CorVaneSchema& s) {
     collectNested(s, nested);
     for (const CorVaneSchema* n : nested) printFormula(os, *n);
     os << "  T(f) = 8 + ((n + 1) & ~3) + 4 for a text of n characters (n < capacity of f)\n";
+}
+
+Json schemaJson(const CorVaneSchema& s) {
+    auto range = [](Range r) { return Json{{"min", r.min}, {"max", r.max}}; };
+    Json fields = Json::array();
+    for (uint32_t i = 0; i < s.fieldCount; ++i) {
+        const CorVaneField& f = s.fields[i];
+        Json j{{"tag", CORVANE_FIRST_TAG + i}, {"name", f.name}};
+        switch (f.kind) {
+            case CORVANE_FIELD_U32:
+                j["kind"] = "u32";
+                j["wire_bytes"] = range({12, 12});
+                break;
+            case CORVANE_FIELD_TEXT:
+                j["kind"] = "text";
+                j["capacity"] = f.capacity;
+                j["wire_bytes"] = range({textElement(0), textElement(f.capacity - 1u)});
+                break;
+            case CORVANE_FIELD_RECORD:
+                j["kind"] = "record";
+                j["record"] = f.record->name;
+                j["reserved"] = true;
+                j["wire_bytes"] = range(wireRange(*f.record));
+                break;
+            default: {
+                const bool fixed = f.kind == CORVANE_FIELD_FIXED_ARRAY;
+                const Range e = wireRange(*f.record);
+                j["kind"] = fixed ? "fixed_array" : "array";
+                j["record"] = f.record->name;
+                j["capacity"] = f.capacity;
+                if (!fixed) j["count_field"] = s.fields[i - 1].name;
+                j["reserved"] = true;
+                j["wire_bytes"] = range({fixed ? f.capacity * e.min : 0, f.capacity * e.max});
+                break;
+            }
+        }
+        fields.push_back(std::move(j));
+    }
+    return Json{{"name", s.name},
+                {"size", s.size},
+                {"wire_bytes", range(wireRange(s))},
+                {"fields", std::move(fields)}};
 }
 
 }  // namespace cvi

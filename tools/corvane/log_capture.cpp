@@ -1,6 +1,6 @@
 // Replaces syslog() for the whole process: the executable exports these
 // definitions (ENABLE_EXPORTS), so libCorvane's log lines land here, where
-// the inspector shows them next to the failure they explain.
+// corvane shows them next to the failure they explain.
 #include <cstdarg>
 #include <cstdio>
 #include <string>

@@ -20,11 +20,35 @@ const CorVaneMethod& methodOf(const CorVaneMessageInfo& m) {
 
 template <class F>
 void forEachMessage(F&& f) {
-    for (uint32_t intf : {CORVANE_INTF_CMD, CORVANE_INTF_NTFY})
-        for (uint32_t i = 0; const CorVaneMessageInfo* m = corVane_messageInfo(intf, i); ++i) f(*m);
+    for (const CorVaneMessageInfo* m : allMessages()) f(*m);
 }
 
 }  // namespace
+
+std::vector<const CorVaneMessageInfo*> allMessages() {
+    std::vector<const CorVaneMessageInfo*> out;
+    for (uint32_t intf : {CORVANE_INTF_CMD, CORVANE_INTF_NTFY})
+        for (uint32_t i = 0; const CorVaneMessageInfo* m = corVane_messageInfo(intf, i); ++i)
+            out.push_back(m);
+    return out;
+}
+
+std::vector<const CorVaneMessageInfo*> messagesWithMagic(uint32_t magic) {
+    std::vector<const CorVaneMessageInfo*> out;
+    for (const CorVaneMessageInfo* m : allMessages())
+        if (m->magic == magic) out.push_back(m);
+    return out;
+}
+
+std::optional<uint32_t> bodyMagic(std::span<const uint8_t> bytes) {
+    if (bytes.size() < 12 || loadBe32(bytes.data()) != 0 || loadBe32(bytes.data() + 4) != 4)
+        return std::nullopt;
+    return loadBe32(bytes.data() + 8);
+}
+
+const char* interfaceKind(const CorVaneMessageInfo& m) {
+    return m.intf == CORVANE_INTF_CMD ? "command" : "notification";
+}
 
 void BodyDeleter::operator()(void* body) const {
     if (body) methodOf(*msg).freeBody(CORVANE_BODY_REQUEST, body);

@@ -2,7 +2,7 @@
 // where each element starts, its tag and length, the field path it belongs
 // to and its value, and where and why reading stops on a malformed body.
 // It reads the same way the library's bounded decoder does, so that the stop
-// it finds is the element the decoder refused (the inspector checks the two
+// it finds is the element the decoder refused (corvane checks the two
 // agree); the decoded values shown to users come from the library itself.
 #pragma once
 
@@ -59,10 +59,6 @@ struct Walk {
 
 // Reads a whole serialised body of message m: envelope, then payload.
 Walk walkBody(const CorVaneMessageInfo& m, std::span<const uint8_t> body);
-
-// Hex text to bytes; whitespace is ignored. Throws std::runtime_error naming
-// the first character that is not a hex digit, or an odd digit count.
-std::vector<uint8_t> parseHex(std::string_view text);
 
 // Escapes a text for display: printable ASCII as is, the rest as \xNN.
 std::string escaped(std::string_view text);

@@ -1,12 +1,18 @@
-// Tests of corvane-inspect's operations: encode and decode over all 49
-// messages, agreement of the element walk with the library's decoder, JSON
-// against structs filled by member name, malformed bodies and bad JSON.
+// Tests of corvane's operations: encode and decode over all 49 messages,
+// agreement of the element walk with the library's decoder, JSON against
+// structs filled by member name, malformed bodies and bad JSON, the hex
+// layouts, bus names and the send-by-name table.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <sstream>
 
+#include "bus_names.h"
+#include "cli.h"
+#include "hex_input.h"
 #include "inspect.h"
+#include "quib_stub.h"
+#include "send_table.h"
 
 namespace {
 
@@ -290,6 +296,215 @@ TEST(InspectList, OneRowPerMessageInTableOrder) {
         EXPECT_EQ(payload, m->payload->name) << row;
     }
     EXPECT_FALSE(std::getline(in, row)) << row;
+}
+
+// Every layout gives the same bytes: 0x61..0x66 make an ascii column of hex
+// letters, the second row is shorter than the first.
+TEST(HexInput, ReadsEveryLayout) {
+    const std::vector<uint8_t> rows = {0x00, 0x00, 0x00, 0x00, 0x61, 0x62, 0x63, 0x64,
+                                       0x65, 0x66, 0x00, 0x04, 0x20, 0x16, 0x14, 0x01,
+                                       0xab, 0xcd, 0x0a};
+    std::vector<uint8_t> zeros(48, 0);
+    zeros.push_back(0x7f);
+    struct Case {
+        const char* name;
+        const char* text;
+        const std::vector<uint8_t>* bytes;
+    } cases[] = {
+        {"plain", "00 00 00 00 61 62 63 64 65 66 00 04 20 16 14 01\nab cd 0a\n", &rows},
+        {"plain, digits run together", "0000000061626364\n656600042016\n1401abcd0a", &rows},
+        {"xxd",
+         "00000000: 0000 0000 6162 6364 6566 0004 2016 1401  ....abcdef.. ...\n"
+         "00000010: abcd 0a                                  ...\n",
+         &rows},
+        {"xxd -g1, ascii column of hex letters",
+         "00000000: 00 00 00 00 61 62 63 64 65 66 00 04 20 16 14 01  ....abcdef.. ...\n"
+         "00000010: ab cd 0a                                         ab.\n",
+         &rows},
+        {"hexdump -C",
+         "00000000  00 00 00 00 61 62 63 64  65 66 00 04 20 16 14 01  |....abcdef.. ...|\n"
+         "00000010  ab cd 0a                                          |...|\n"
+         "00000013\n",
+         &rows},
+        {"hexdump -C, repeated rows",
+         "00000000  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
+         "*\n"
+         "00000030  7f                                                |.|\n"
+         "00000031\n",
+         &zeros},
+        {"0000: rows, a gap in the middle, no ascii",
+         "0000: 00 00 00 00 61 62 63 64  65 66 00 04 20 16 14 01\n0010: ab cd 0a\n", &rows},
+        {"xxd -i",
+         "unsigned char body_bin[] = {\n  0x00, 0x00, 0x00, 0x00, 0x61, 0x62, 0x63, 0x64, 0x65, 0x66,\n"
+         "  0x00, 0x04, 0x20, 0x16, 0x14, 0x01, 0xab, 0xcd, 0x0a\n};\nunsigned int body_bin_len = 19;\n",
+         &rows},
+        {"0x list, spaces", "0x00 0x00 0x00 0x00 0x61 0x62 0x63 0x64 0x65 0x66 0x00 0x04 0x20 "
+                            "0x16 0x14 0x01 0xAB 0xcd 0xa",
+         &rows},
+        {"syslog lines",
+         "Mar  3 10:12:01 gw voice[812]: 00000000: 00 00 00 00 61 62 63 64 65 66 00 04 20 16 14 01  ....abcdef.. ...\n"
+         "Mar  3 10:12:01 gw voice[812]: 00000010: ab cd 0a                                         ...\n",
+         &rows},
+        {"journal lines, 0000: rows",
+         "2024-03-03T10:12:01+01:00 gw voice[812]: 0000: 00 00 00 00 61 62 63 64 65 66 00 04 20 16 14 01\n"
+         "2024-03-03T10:12:01+01:00 gw voice[812]: 0010: ab cd 0a\n",
+         &rows},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<uint8_t> got;
+        ASSERT_NO_THROW(got = cvi::parseHex(c.text));
+        EXPECT_EQ(got, *c.bytes);
+    }
+}
+
+TEST(HexInput, RefusesWhatNoDumpLooksLike) {
+    struct Case {
+        const char* name;
+        std::string text;
+        const char* error;
+        bool binary;
+    } cases[] = {
+        {"odd digit count", "00 01 0", "odd number of hex digits", false},
+        {"not a digit", "00 01\n0g", "line 2: not a hex digit: 'g'", false},
+        {"a row missing",
+         "00000000: 0001 0203 0405 0607  ........\n00000010: 0001  ..\n",
+         "line 2: offset 0x10, but 0x8 bytes come before it", false},
+        {"repeat first", "*\n00000010  00 |.|\n", "line 1: '*' before any row", false},
+        {"plain bytes among 0x values", "0x00, 0x01, 02", "'02' among 0x values", false},
+        {"nothing", "\n \n", "no hex bytes", false},
+        {"binary", std::string("\0\0\0\0", 4), "byte 0x00 at offset 0", true},
+        {"binary after text", "00 01 \xff", "byte 0xff at offset 6", true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        try {
+            cvi::parseHex(c.text);
+            ADD_FAILURE() << "accepted";
+        } catch (const cvi::BinaryNotHex& e) {
+            EXPECT_TRUE(c.binary);
+            EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
+        } catch (const std::runtime_error& e) {
+            EXPECT_FALSE(c.binary);
+            EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
+        }
+    }
+}
+
+TEST(BusNames, EscapeAndBack) {
+    const std::pair<std::string, std::string> names[] = {
+        {"mgmt", "org.corvane.user.mgmt"},
+        {"voice-1", "org.corvane.user.voice_2d1"},
+        {"1a", "org.corvane.user._31a"},
+        {"a_b.c", "org.corvane.user.a_5fb_2ec"},
+        {"\xc3\xa9t\xc3\xa9", "org.corvane.user._c3_a9t_c3_a9"},
+    };
+    for (const auto& [user, bus] : names) {
+        EXPECT_EQ(cvi::userBusName(user), bus);
+        EXPECT_EQ(cvi::userOfBusName(bus), user);
+    }
+    for (const char* other : {"org.corvane.user.", "org.corvane.user.voice_2D1",
+                              "org.corvane.user.a_5", "org.corvane.user.1a", "org.corvane.user.a_62",
+                              "org.corvane.mgmt", ":1.4"})
+        EXPECT_FALSE(cvi::userOfBusName(other).has_value()) << other;
+}
+
+// The send table calls each message's own send function with the payload's
+// fields: every message goes from one stand-in user to the other and
+// arrives with the payload it left with.
+class SendTable : public ::testing::Test {
+protected:
+    struct Received {
+        const CorVaneMessageInfo* msg = nullptr;
+        Json payload;
+        int count = 0;
+    };
+    static uint32_t onMessage(void*, void* arg, void* payload) {
+        auto* r = static_cast<Received*>(arg);
+        r->payload = cvi::recordToJson(*r->msg->payload, payload);
+        ++r->count;
+        return 0;
+    }
+    void SetUp() override {
+        ASSERT_EQ(corvane_initialize(), CORVANE_OK);
+        voice_ = quibStub_newUser("voice");
+        mgmt_ = quibStub_newUser("mgmt");
+        ASSERT_EQ(corVane_regUser_msgMngt(voice_, nullptr, nullptr, CORVANE_SELECT_BOTH), 0u);
+        ASSERT_EQ(corVane_regUser_msgMngt(mgmt_, nullptr, nullptr, CORVANE_SELECT_BOTH), 0u);
+    }
+    void TearDown() override {
+        corVane_unregUser_msgMngt(voice_, CORVANE_SELECT_BOTH);
+        corVane_unregUser_msgMngt(mgmt_, CORVANE_SELECT_BOTH);
+        ranqStub_deliver(0);
+        quibStub_reset();
+    }
+    void* voice_ = nullptr;
+    void* mgmt_ = nullptr;
+};
+
+#define CVI_TEST_SERVE(index, Name, name, NAME, magic, key, env, P, shape)                         \
+    corVane_modSrv_recvMsg_##name(mgmt_, reinterpret_cast<void*>(&onMessage), &got[index], nullptr);
+#define CVI_TEST_SUBSCRIBE(index, Name, name, NAME, magic, key, nu, P, shape)                      \
+    corVane_modCliNtfyUser_recvMsg_##name(voice_, reinterpret_cast<void*>(&onMessage),            \
+                                          &got[CORVANE_CMD_COUNT + index], nullptr, "bus", "voice");
+
+TEST_F(SendTable, EveryMessageArrivesWithItsPayload) {
+    const auto table = cvi::sendTable();
+    const auto messages = allMessages();
+    ASSERT_EQ(table.size(), messages.size());
+    std::vector<Received> got(messages.size());
+    for (size_t i = 0; i < messages.size(); ++i) got[i].msg = messages[i];
+    CORVANE_COMMANDS(CVI_TEST_SERVE)
+    CORVANE_NOTIFICATIONS(CVI_TEST_SUBSCRIBE)
+
+    for (size_t i = 0; i < messages.size(); ++i) {
+        const CorVaneMessageInfo& m = *messages[i];
+        SCOPED_TRACE(m.name);
+        const cvi::SendEntry* e = cvi::findSendEntry(m.name);
+        ASSERT_EQ(e, &table[i]);
+        EXPECT_EQ(e->intf, m.intf);
+        EXPECT_EQ(e->index, m.index);
+        const Json in = FullPayload().record(*m.payload);
+        const cvi::Encoded body = cvi::encodeBody(m, in);
+        const cvi::Decoded d = cvi::decodeBody(m, body.bytes);
+        ASSERT_EQ(d.status, CORVANE_OK);
+        const bool command = m.intf == CORVANE_INTF_CMD;
+        EXPECT_EQ(e->send(command ? voice_ : mgmt_, "mgmt", payloadOf(d)), 0u);
+        EXPECT_EQ(got[i].count, 1);
+        EXPECT_EQ(got[i].payload, in);
+    }
+    EXPECT_EQ(cvi::findSendEntry("SetNothing"), nullptr);
+}
+
+// call and emit take their payload as JSON text or @FILE.
+TEST(PayloadArgument, JsonTextOrFile) {
+    const std::string dir = ::testing::TempDir();
+    const std::string file = dir + "/payload.json";
+    FILE* f = std::fopen(file.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs(R"({"value1": 4})", f);
+    std::fclose(f);
+    EXPECT_EQ(cvi::payloadArgument(R"({"value1":1})"), Json::parse(R"({"value1":1})"));
+    EXPECT_EQ(cvi::payloadArgument("@" + file), Json::parse(R"({"value1":4})"));
+    struct Case {
+        std::string arg;
+        int status;
+        const char* error;
+    } cases[] = {
+        {"{value1: 1}", cvi::kExitRefused, "the payload argument is not JSON"},
+        {"@" + dir, cvi::kExitUsage, "is a directory"},
+        {"@" + dir + "/no-such-file", cvi::kExitUsage, "cannot read"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arg);
+        try {
+            cvi::payloadArgument(c.arg);
+            ADD_FAILURE() << "accepted";
+        } catch (const cvi::Failure& e) {
+            EXPECT_EQ(e.exitStatus, c.status);
+            EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
+        }
+    }
 }
 
 }  // namespace

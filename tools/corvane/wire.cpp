@@ -1,7 +1,6 @@
 #include "wire.h"
 
 #include <cstring>
-#include <stdexcept>
 
 namespace cvi {
 namespace {
@@ -180,13 +179,6 @@ private:
     }
 };
 
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 }  // namespace
 
 uint32_t loadBe32(const uint8_t* p) {
@@ -198,28 +190,6 @@ Walk walkBody(const CorVaneMessageInfo& m, std::span<const uint8_t> body) {
     uint32_t magic;
     if (w.u32(0, "<magic>", &magic) && w.envelope(m.envelope)) w.fields(*m.payload, "");
     return std::move(w.out);
-}
-
-std::vector<uint8_t> parseHex(std::string_view text) {
-    std::vector<uint8_t> out;
-    int high = -1;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (c == ' ' || c == '\t' || c == '\n' || c == '\r') continue;
-        const int d = hexDigit(c);
-        if (d < 0) {
-            throw std::runtime_error("not a hex digit at character " + std::to_string(i + 1) +
-                                     ": " + escaped(std::string_view(&c, 1)));
-        }
-        if (high < 0) {
-            high = d;
-        } else {
-            out.push_back(static_cast<uint8_t>(high << 4 | d));
-            high = -1;
-        }
-    }
-    if (high >= 0) throw std::runtime_error("odd number of hex digits");
-    return out;
 }
 
 std::string escaped(std::string_view text) {

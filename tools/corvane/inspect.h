@@ -1,5 +1,5 @@
-// The inspector's operations, separate from its command line so that tests
-// drive them directly. Everything goes through libCorvane's public C API:
+// The operations of `corvane` on bodies, separate from its command line so
+// that tests drive them directly. Everything goes through libCorvane's public C API:
 // message descriptors, record schemas, the method entries of corVane_base
 // (serializeBody, freeBody) and the bounded decoders.
 #pragma once
@@ -19,11 +19,21 @@
 namespace cvi {
 
 // The library's log lines captured since the last call (syslog is replaced
-// in the inspector's process, see log_capture.cpp).
+// in the tool's process, see log_capture.cpp).
 std::vector<std::string> takeLog();
 
 // A message by method name, or nullptr.
 const CorVaneMessageInfo* findMessage(const std::string& name);
+// The 19 commands, then the 30 notifications.
+std::vector<const CorVaneMessageInfo*> allMessages();
+// The messages whose body magic that is.
+std::vector<const CorVaneMessageInfo*> messagesWithMagic(uint32_t magic);
+// The value of the body's first element when it is a tag-0 u32 element.
+std::optional<uint32_t> bodyMagic(std::span<const uint8_t> bytes);
+// "command" or "notification".
+const char* interfaceKind(const CorVaneMessageInfo& m);
+// The meaning of a library status (0 done, 1..5, 20 no handler).
+const char* statusText(uint32_t status);
 // A record or scalar payload schema by type name (or, failing that, the
 // payload of the message of that name), or nullptr.
 const CorVaneSchema* findSchema(const std::string& name);
@@ -58,14 +68,27 @@ struct Encoded {
 // own serializeBody.
 Encoded encodeBody(const CorVaneMessageInfo& m, const Json& payload);
 
+// One line saying why the body was refused: the envelope or magic, or where
+// the payload stopped.
+std::string failureLine(const CorVaneMessageInfo& m, std::span<const uint8_t> bytes,
+                        const Decoded& d);
+
+// JSON forms, one object each: a decoded body, a refused one (its "error" is
+// failureLine, with where and why decoding stopped and the library's log), a
+// row of the message list, a record schema.
+Json decodedJson(const CorVaneMessageInfo& m, std::span<const uint8_t> bytes, const Decoded& d);
+Json failureJson(const CorVaneMessageInfo& m, std::span<const uint8_t> bytes, const Decoded& d);
+Json messageJson(const CorVaneMessageInfo& m);
+Json schemaJson(const CorVaneSchema& s);
+
 // Output of the commands.
 void printDecoded(std::ostream& os, const CorVaneMessageInfo& m, const Decoded& d);
 void printFailure(std::ostream& os, const CorVaneMessageInfo& m, std::span<const uint8_t> bytes,
                   const Decoded& d);
 void printAnnotated(std::ostream& os, const CorVaneMessageInfo& m,
                     std::span<const uint8_t> bytes, const Walk& walk);
-// "" when the body's magic is the message's own, else a sentence naming the
-// messages that use it.
+// "" when the body's magic is the message's own (or it has none), else a
+// sentence naming the messages that use it.
 std::string magicMismatch(const CorVaneMessageInfo& m, std::span<const uint8_t> bytes);
 void printHex(std::ostream& os, std::span<const uint8_t> bytes);
 void printMessageList(std::ostream& os);

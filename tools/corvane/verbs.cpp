@@ -1,0 +1,83 @@
+#include "verbs.h"
+
+namespace cvi {
+namespace {
+
+const OptionDef kGlobal[] = {
+    {"--json", nullptr, "One JSON object per line on standard output; errors as {\"error\": ...} on standard error"},
+    {"--bus", "ADDRESS", "D-Bus address of the bus (default: $CORVANE_BUS)"},
+};
+
+const OptionDef kSchema[] = {
+    {"RECORD", "RECORD", "Record type, or a method for its payload; none lists the record types",
+     Complete::kRecord},
+};
+
+const OptionDef kDecode[] = {
+    {"-m,--method", "METHOD", "The body's method; by default the one whose magic the body carries",
+     Complete::kMethod},
+    {"--hex", nullptr, "The input is a hex dump (plain, xxd, hexdump -C, 0x list, log lines)"},
+    {"--annotate", nullptr, "Every element with its offset, bytes, tag, length, field and value"},
+    {"FILE", "FILE", "The body (binary, or hex with --hex); - or none for standard input",
+     Complete::kFile},
+};
+
+const OptionDef kEncode[] = {
+    {"-m,--method", "METHOD", "The method whose body to build", Complete::kMethod, false, true},
+    {"--hex", nullptr, "Write hex digits instead of binary"},
+    {"-o,--output", "OUT", "Write to OUT instead of standard output", Complete::kFile},
+    {"FILE", "FILE", "The payload as JSON; - or none for standard input", Complete::kFile},
+};
+
+const OptionDef kMonitor[] = {
+    {"METHOD", "METHOD", "Show only these methods (and the answers to them)", Complete::kMethod,
+     true},
+};
+
+const VerbDef kVerbs[] = {
+    {"list", "List the 49 messages: interface, index, name, magic, key, payload",
+     "Lists the 19 commands and the 30 notifications in table order with their interface, "
+     "method index, name, body magic, response or subscription key and payload type.",
+     {}},
+    {"schema", "Show a record's fields, tags, capacities and wire length",
+     "Shows a record type's fields in order with their tags (reserved tags of nested records "
+     "and arrays in parentheses), kinds and capacities, the bytes each takes on the wire and "
+     "the formula of the record's wire length. Given a method, shows its payload.",
+     kSchema},
+    {"decode", "Decode a serialised body field by field",
+     "Reads a serialised body through the library's bounded decoder and prints its payload. "
+     "A body that does not decode is shown with where decoding stopped, what was found and "
+     "expected there, and the library's log lines. Without --method the body's magic names "
+     "the message; a magic that several messages share needs --method.",
+     kDecode},
+    {"encode", "Build the body of a JSON payload",
+     "Fills the method's payload from a JSON object (member names are the keys, nested "
+     "records are objects, arrays are arrays; missing fields are zero or empty) and writes "
+     "the body as the library serialises it. Unknown fields and over-long texts are refused, "
+     "naming them.",
+     kEncode},
+    {"monitor", "Print every body that crosses the bus, decoded",
+     "Watches the bus (--bus or $CORVANE_BUS) as a D-Bus monitor and prints every command, "
+     "notification and answer: sender and receiver (user names, process ids), method and "
+     "decoded fields, the status of each answer. A body that does not decode is shown with "
+     "where decoding stopped. Runs until interrupted (exit 0) or until the bus goes away "
+     "(exit 1).",
+     kMonitor},
+};
+
+}  // namespace
+
+std::span<const VerbDef> verbTable() { return kVerbs; }
+std::span<const OptionDef> globalOptions() { return kGlobal; }
+
+bool isPositional(const OptionDef& o) { return o.names[0] != '-'; }
+
+std::string optionKey(const OptionDef& o) {
+    const std::string names = o.names;
+    if (isPositional(o)) return names;
+    const size_t longName = names.find("--");
+    const size_t start = longName == std::string::npos ? 1 : longName + 2;
+    return names.substr(start, names.find(',', start) - start);
+}
+
+}  // namespace cvi
