@@ -48,7 +48,10 @@ void bind(void* lib, const char* name, F& f) {
 }
 
 Build load(const char* path) {
-    void* lib = dlmopen(LM_ID_NEWLM, path, RTLD_NOW | RTLD_LOCAL);
+    // Lazy: libCorvane's middleware imports are left unbound in the new
+    // namespace, where no middleware is loaded; the record operations timed
+    // here never call them.
+    void* lib = dlmopen(LM_ID_NEWLM, path, RTLD_LAZY | RTLD_LOCAL);
     if (!lib) fail(dlerror());
     Build b{};
     bind(lib, "corVane_recordSchema", b.schema);

@@ -1,20 +1,30 @@
 # Install rules and package files: the public headers, libCorvane.so.1.0.0
-# with its libCorvane.so.1 and libCorvane.so links, the stand-in platform
-# library it needs at run time (and its headers), a pkg-config file and a
-# CMake package (find_package(Corvane 1.0) -> Corvane::Corvane).
+# with its libCorvane.so.1 and libCorvane.so links, our two middlewares (the
+# D-Bus one, libcorvane_dbus.so.1, and the in-process stand-in for unit
+# tests, libcorvane_platform.so.1) with their headers, pkg-config files
+# (corvane, corvane-dbus, corvane-platform) and a CMake package
+# (find_package(Corvane 1.0) -> Corvane::Corvane, Corvane::Dbus,
+# Corvane::Platform).
+#
+# libCorvane imports the middleware without naming a library for it: a
+# program links libCorvane and one middleware (the device's own, or one of
+# ours).
 include(CMakePackageConfigHelpers)
 
 set(CORVANE_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Corvane
     CACHE STRING "Where the CMake package files of Corvane are installed")
 
-# libCorvane.so.1 names libcorvane_platform.so.1 as DT_NEEDED. Both are
-# installed side by side, so the library looks for it next to itself first:
-# a copy unpacked into any prefix works without LD_LIBRARY_PATH.
-set_target_properties(Corvane PROPERTIES INSTALL_RPATH "$ORIGIN")
-# Imported as Corvane::Platform by consumers of the CMake package.
 set_target_properties(corvane_platform PROPERTIES EXPORT_NAME Platform)
+set(CORVANE_INSTALL_TARGETS Corvane corvane_platform)
+set(CORVANE_PC_FILES corvane corvane-platform)
+if(TARGET corvane_dbus)
+  # libcorvane_dbus.so.1 needs libCorvane.so.1, installed next to it.
+  set_target_properties(corvane_dbus PROPERTIES EXPORT_NAME Dbus INSTALL_RPATH "$ORIGIN")
+  list(APPEND CORVANE_INSTALL_TARGETS corvane_dbus)
+  list(APPEND CORVANE_PC_FILES corvane-dbus)
+endif()
 
-install(TARGETS Corvane corvane_platform
+install(TARGETS ${CORVANE_INSTALL_TARGETS}
   EXPORT CorvaneTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
           NAMELINK_COMPONENT development
@@ -24,9 +34,13 @@ install(TARGETS Corvane corvane_platform
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/corvane
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
   FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/include/
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/corvane-platform COMPONENT development
-  FILES_MATCHING PATTERN "*.h")
+set(CORVANE_PLATFORM_HEADERS quib.h ranq.h quib_stub.h)
+if(TARGET corvane_dbus)
+  list(APPEND CORVANE_PLATFORM_HEADERS quib_dbus.h)
+endif()
+list(TRANSFORM CORVANE_PLATFORM_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/platform/include/)
+install(FILES ${CORVANE_PLATFORM_HEADERS}
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/corvane-platform COMPONENT development)
 
 install(EXPORT CorvaneTargets
   NAMESPACE Corvane::
@@ -57,10 +71,12 @@ else()
   set(CORVANE_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
 set(CORVANE_PC_PREFIX "@CORVANE_PC_PREFIX@")  # kept for the install step
-configure_file(${CMAKE_CURRENT_LIST_DIR}/corvane.pc.in ${PROJECT_BINARY_DIR}/corvane.pc.in @ONLY)
-install(CODE "
-  set(CORVANE_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
-  configure_file(\"${PROJECT_BINARY_DIR}/corvane.pc.in\" \"${PROJECT_BINARY_DIR}/corvane.pc\" @ONLY)
-  " COMPONENT development)
-install(FILES ${PROJECT_BINARY_DIR}/corvane.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+foreach(pc IN LISTS CORVANE_PC_FILES)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc.in @ONLY)
+  install(CODE "
+    set(CORVANE_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+    configure_file(\"${PROJECT_BINARY_DIR}/${pc}.pc.in\" \"${PROJECT_BINARY_DIR}/${pc}.pc\" @ONLY)
+    " COMPONENT development)
+  install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endforeach()

@@ -8,7 +8,7 @@
  * Usage: corvane-exchange [-v] [-o DIR]
  *   -v      print every field of every payload, not only the first ones
  *   -o DIR  also write each serialised body to DIR/<Method>.bin (for
- *           corvane-inspect)
+ *           corvane decode)
  */
 #include <stdio.h>
 #include <stdlib.h>

@@ -18,3 +18,8 @@ if [ ! -f "$gtest/install/lib/cmake/GTest/GTestConfig.cmake" ]; then
 fi
 
 cmake --workflow --preset mips
+# The middleware is the process's: no library of ours among the dependencies
+# (cmake/check_imports.cmake also checked the imports after the link).
+if mips-linux-gnu-readelf -d build/mips/libCorvane.so.1.0.0 | grep 'NEEDED.*libcorvane_'; then
+  echo "mips: libCorvane names a middleware of this tree as NEEDED" >&2; exit 1
+fi

@@ -17,8 +17,10 @@ libdir=${libdir:-lib}
 
 fail() { echo "install: $*" >&2; exit 1; }
 for f in include/corvane/corvane.h include/corvane/schema.h include/corvane-platform/quib_stub.h \
-         "$libdir/libCorvane.so.1.0.0" "$libdir/libcorvane_platform.so.1" \
-         "$libdir/pkgconfig/corvane.pc" "$libdir/cmake/Corvane/CorvaneConfig.cmake" \
+         include/corvane-platform/quib_dbus.h \
+         "$libdir/libCorvane.so.1.0.0" "$libdir/libcorvane_platform.so.1" "$libdir/libcorvane_dbus.so.1" \
+         "$libdir/pkgconfig/corvane.pc" "$libdir/pkgconfig/corvane-dbus.pc" \
+         "$libdir/pkgconfig/corvane-platform.pc" "$libdir/cmake/Corvane/CorvaneConfig.cmake" \
          "$libdir/cmake/Corvane/CorvaneConfigVersion.cmake" \
          "$libdir/cmake/Corvane/CorvaneTargets.cmake"; do
   [ -e "$prefix/$f" ] || fail "missing $f"
@@ -27,6 +29,9 @@ done
 [ "$(readlink "$prefix/$libdir/libCorvane.so.1")" = libCorvane.so.1.0.0 ] || fail "libCorvane.so.1 link"
 readelf -d "$prefix/$libdir/libCorvane.so.1.0.0" | grep -q 'SONAME.*\[libCorvane.so.1\]' \
   || fail "SONAME is not libCorvane.so.1"
+# The middleware is the process's: libCorvane names none of ours.
+! readelf -d "$prefix/$libdir/libCorvane.so.1.0.0" | grep 'NEEDED.*libcorvane_' \
+  || fail "libCorvane names a middleware of this tree as NEEDED"
 [ "$(pkg-config --with-path="$prefix/$libdir/pkgconfig" --variable=prefix corvane)" = "$prefix" ] \
   || fail "corvane.pc does not point into the install prefix"
 
@@ -43,10 +48,11 @@ if cmake -S tests/consumers/cmake -B "$work/cmake2" -DCMAKE_PREFIX_PATH="$prefix
 fi
 grep -q "version: 1.0.0" "$work/cmake2.log" || fail "find_package(Corvane 2.0) failed for another reason"
 
-echo "-- consumer through pkg-config (C99)"
+echo "-- consumer through pkg-config (C99, with the D-Bus middleware)"
 mkdir -p "$work/pc"
 PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" make -s -C tests/consumers/pkgconfig O="$work/pc"
 "$work/pc/consumer" | tee "$work/out2"
 grep -q "^SetLineCallState body: 60 bytes on the wire, round trip ok$" "$work/out2" \
   || fail "pkg-config consumer"
+grep -q "^user voice: org.corvane.user.voice$" "$work/out2" || fail "pkg-config consumer: bus name"
 echo "-- install and consumers: ok"

@@ -10,6 +10,11 @@ file_header=$(arm-linux-gnueabihf-readelf -h "$lib")
 grep -q 'Machine:.*ARM' <<<"$file_header" || { echo "cross-arm: $lib is not an ARM object" >&2; exit 1; }
 arm-linux-gnueabihf-readelf -d "$lib" | grep -q 'SONAME.*\[libCorvane.so.1\]' \
   || { echo "cross-arm: SONAME is not libCorvane.so.1" >&2; exit 1; }
+# The middleware is the process's: no library of ours among the dependencies
+# (cmake/check_imports.cmake also checked the imports after the link).
+if arm-linux-gnueabihf-readelf -d "$lib" | grep 'NEEDED.*libcorvane_'; then
+  echo "cross-arm: libCorvane names a middleware of this tree as NEEDED" >&2; exit 1
+fi
 
 stripped=$(mktemp)
 trap 'rm -f "$stripped"' EXIT

@@ -1,10 +1,12 @@
 /* Serialises a SetLineCallState body with the message's own callback, reads
- * it back with the bounded decoder and prints its length. */
+ * it back with the bounded decoder and prints its length, and the bus name
+ * the D-Bus middleware gives the user "voice". */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "corvane/corvane.h"
+#include "quib_dbus.h"
 
 int main(void)
 {
@@ -14,6 +16,7 @@ int main(void)
     void *body, *back = NULL;
     uint8_t *wire = NULL;
     uint32_t length = 0, size = 0;
+    char busName[256];
     int ok;
 
     if (!msg || msg->intf != CORVANE_INTF_CMD) {
@@ -40,6 +43,7 @@ int main(void)
          memcmp(corVane_bodyPayload(back), payload, sizeof *payload) == 0;
     printf("%s body: %u bytes on the wire, round trip %s\n", msg->name, length,
            ok ? "ok" : "FAILED");
+    if (quibDbus_busName("voice", busName, sizeof busName) == 0) printf("user voice: %s\n", busName);
     method->freeBody(CORVANE_BODY_REQUEST, body);
     if (back)
         method->freeBody(CORVANE_BODY_REQUEST, back);
