@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 
 cmake --preset default >/dev/null
-cmake --build build/default -j2 --target corvane corvane_docs corvane_cli_tests corvane_monitor_tests
+cmake --build build/default -j2 --target corvane corvane_docs corvane_cli_tests corvane_bus_verbs_tests
 CORVANE_REQUIRE_DBUS=1 ctest --test-dir build/default -R '^cli_' --output-on-failure
 
 work=$(mktemp -d)
