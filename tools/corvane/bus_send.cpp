@@ -35,6 +35,4 @@ SendOutcome sendOnBus(const std::string& address, const SendEntry& e, const std:
     return out;
 }
 
-const char* busStatusText(uint32_t status) { return quibDbus_strerror(status); }
-
 }  // namespace cvi

@@ -28,7 +28,4 @@ struct SendOutcome {
 SendOutcome sendOnBus(const std::string& address, const SendEntry& e, const std::string& to,
                       const void* payload, uint32_t timeoutMs);
 
-// One line for a status of the library or the middleware.
-const char* busStatusText(uint32_t status);
-
 }  // namespace cvi

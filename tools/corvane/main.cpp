@@ -263,9 +263,8 @@ int sendVerb(const Args& a, uint8_t intf) {
         throw Failure(kExitUsage, std::string(m.name) + " is a " + (command ? "notification" : "command") +
                                       ": send it with corvane " + (command ? "emit" : "call"));
     }
-    const Json json = a.values.count("PAYLOAD") && !a.value("PAYLOAD").empty()
-                          ? cvi::payloadArgument(a.value("PAYLOAD"))
-                          : Json::object();
+    const std::string given = a.value("PAYLOAD");
+    const Json json = given.empty() ? Json::object() : cvi::payloadArgument(given);
     std::unique_ptr<void, decltype(&std::free)> payload(std::calloc(1, m.payload->size), std::free);
     if (!payload) throw Failure(kExitRefused, "out of memory");
     const std::vector<std::string> errors = cvi::recordFromJson(*m.payload, json, payload.get());
@@ -291,17 +290,17 @@ int sendVerb(const Args& a, uint8_t intf) {
     if (command) j["to"] = to;
     if (o.toPid >= 0) j["to_pid"] = o.toPid;
     j["status"] = o.status;
-    j["status_text"] = cvi::busStatusText(o.status);
+    j["status_text"] = quibDbus_strerror(o.status);
     if (!o.joined) {
         j["bus"] = address;
         j["log"] = o.log;
         throw Failure(kExitRefused, "cannot join the bus at " + address + " as " + o.from + ": " +
-                                        cvi::busStatusText(o.status) + " (status " +
+                                        quibDbus_strerror(o.status) + " (status " +
                                         statusNumber(o.status) + ")", j);
     }
     std::string line = std::string(m.name) + " -> " + (command ? to : "*");
     if (o.toPid >= 0) line += "[" + std::to_string(o.toPid) + "]";
-    line += ": status " + statusNumber(o.status) + " (" + cvi::busStatusText(o.status);
+    line += ": status " + statusNumber(o.status) + " (" + quibDbus_strerror(o.status);
     if (o.status == QUIB_DBUS_E_TIMEOUT) line += ", " + std::to_string(o.timeoutMs) + " ms";
     line += ")";
     if (o.status != 0) {
