@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# corvane, the command line: its tests in the default tree (the monitor's
-# against a private dbus-daemon, which must be installed here, and the dumps
-# of the real xxd and hexdump), then what `cmake --install` puts in a prefix:
+# corvane, the command line: its tests in the default tree (call, emit and
+# monitor against a private dbus-daemon and the two daemons of examples/ --
+# dbus-daemon must be installed here -- and the dumps of the real xxd and
+# hexdump), then what `cmake --install` puts in a prefix:
 # the executable finding libCorvane through its RUNPATH, the man page and the
 # bash completion.
 set -euo pipefail
