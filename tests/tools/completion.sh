@@ -23,5 +23,10 @@ check "--annotate" corvane --json decode --ann
 check "--output" corvane encode --out
 check "--version" corvane --vers
 check "" corvane --bus un
+check "SetLineCallState SetLineStats SetLineModif" corvane call SetLine
+check "" corvane emit SetLine
+check "OnMakeCall" corvane --json emit OnMake
+check "--timeout" corvane call --ti
+check "call" corvane ca
 [[ $status == 0 ]] && echo "completion: ok"
 exit $status

@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# corvane, the command line: its tests in the default tree (the monitor's
-# against a private dbus-daemon, which must be installed here, and the dumps
-# of the real xxd and hexdump), then what `cmake --install` puts in a prefix:
+# corvane, the command line: its tests in the default tree (call, emit and
+# monitor against a private dbus-daemon and the two daemons of examples/ --
+# dbus-daemon must be installed here -- and the dumps of the real xxd and
+# hexdump), then what `cmake --install` puts in a prefix:
 # the executable finding libCorvane through its RUNPATH, the man page and the
 # bash completion.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
 cmake --preset default >/dev/null
-cmake --build build/default -j2 --target corvane corvane_docs corvane_cli_tests corvane_monitor_tests
+cmake --build build/default -j2 --target corvane corvane_docs corvane_cli_tests corvane_bus_verbs_tests
 CORVANE_REQUIRE_DBUS=1 ctest --test-dir build/default -R '^cli_' --output-on-failure
 
 work=$(mktemp -d)

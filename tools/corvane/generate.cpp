@@ -40,7 +40,8 @@ std::string roffSynopsis(const VerbDef& v) {
     std::string out = "\\fBcorvane " + roff(v.name) + "\\fR";
     for (const OptionDef& o : v.options) {
         if (isPositional(o)) {
-            out += std::string(" [\\fI") + roff(o.value) + "\\fR" + (o.many ? "...]" : "]");
+            out += std::string(o.required ? " " : " [") + "\\fI" + roff(o.value) + "\\fR" +
+                   (o.many ? "..." : "") + (o.required ? "" : "]");
         } else {
             std::string first = o.names;
             first = first.substr(0, first.find(','));
@@ -66,9 +67,12 @@ std::string words(Complete what) {
     if (what == Complete::kRecord)
         for (uint32_t i = 0; const CorVaneSchema* s = corVane_recordSchemaAt(i); ++i)
             out += std::string(out.empty() ? "" : " ") + s->name;
-    if (what == Complete::kMethod)
-        for (const CorVaneMessageInfo* m : allMessages())
+    for (const CorVaneMessageInfo* m : allMessages()) {
+        const bool command = m->intf == CORVANE_INTF_CMD;
+        if (what == Complete::kMethod || (what == Complete::kCommand && command) ||
+            (what == Complete::kNotification && !command))
             out += std::string(out.empty() ? "" : " ") + m->name;
+    }
     return out;
 }
 
@@ -90,6 +94,8 @@ const char* completionKind(Complete c) {
         case Complete::kFile: return "file";
         case Complete::kMethod: return "method";
         case Complete::kRecord: return "record";
+        case Complete::kCommand: return "command";
+        case Complete::kNotification: return "notification";
         default: return "none";
     }
 }
@@ -99,14 +105,14 @@ const char* completionKind(Complete c) {
 std::string manPage(const std::string& version) {
     std::ostringstream os;
     os << ".TH CORVANE 1 \"\" \"corvane " << roff(version) << "\" \"User Commands\"\n"
-       << ".SH NAME\ncorvane \\- decode, build and watch libCorvane message bodies\n"
+       << ".SH NAME\ncorvane \\- decode, build, send and watch libCorvane message bodies\n"
        << ".SH SYNOPSIS\n"
        << "\\fBcorvane\\fR [\\fB\\-\\-json\\fR] [\\fB\\-\\-bus\\fR \\fIADDRESS\\fR] "
           "\\fIVERB\\fR [\\fIARGUMENTS\\fR]\n.br\n";
     for (const VerbDef& v : verbTable()) os << roffSynopsis(v) << "\n.br\n";
     os << "\\fBcorvane \\-\\-version\\fR\n"
        << ".SH DESCRIPTION\n"
-       << "\\fBcorvane\\fR reads, builds and watches the message bodies of libCorvane, the "
+       << "\\fBcorvane\\fR reads, builds, sends and watches the message bodies of libCorvane, the "
           "interface between the voice service and its management side, through the "
           "library's own schemas and bounded decoder. Every verb also takes the options "
           "under OPTIONS, before or after the verb.\n"
@@ -131,17 +137,23 @@ std::string manPage(const std::string& version) {
        << ".TP\n0\nDone.\n"
        << ".TP\n1\nThe input was refused: a malformed body, a magic that is not the "
           "message's (or no message's), an empty input, JSON the payload cannot take; for "
-          "\\fBmonitor\\fR, the bus went away.\n"
-       << ".TP\n2\nBad usage: an unknown verb, option, method or record, an unreadable input "
+          "\\fBcall\\fR, an answer other than 0 or no answer; for \\fBemit\\fR, a send "
+          "that failed; for the verbs on the bus, a bus that cannot be reached or went away.\n"
+       << ".TP\n2\nBad usage: an unknown verb, option, method or record, a notification "
+          "given to \\fBcall\\fR or a command to \\fBemit\\fR, an unreadable input "
           "or a directory, binary data given as hex or hex given as binary, no bus address.\n"
        << ".SH ENVIRONMENT\n.TP\n\\fBCORVANE_BUS\\fR\nThe bus address when \\fB\\-\\-bus\\fR "
           "is not given, e.g. unix:path=/run/corvane/bus.\n"
+       << ".TP\n\\fBCORVANE_BUS_TIMEOUT_MS\\fR\nThe timeout of \\fBcall\\fR when "
+          "\\fB\\-\\-timeout\\fR is not given (default 5000).\n"
        << ".SH EXAMPLES\n.nf\n"
        << "corvane decode \\-\\-hex capture.hex\n"
        << "corvane decode \\-\\-method SetProfileFQDNServers \\-\\-annotate body.bin\n"
        << "corvane encode \\-m SetLineCallState \\-o body.bin payload.json\n"
        << "corvane schema ProfileFQDNServers\n"
        << "corvane \\-\\-bus unix:path=/tmp/bus monitor \\-\\-json SetLineCallState\n"
+       << "corvane call SetLineCallState '{\"value1\":1,\"value2\":2,\"value3\":0}'\n"
+       << "corvane emit OnMakeCall @call.json\n"
        << ".fi\n";
     return os.str();
 }
@@ -155,6 +167,8 @@ std::string bashCompletion() {
        << "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}\n"
        << "    local methods=\"" << words(Complete::kMethod) << "\"\n"
        << "    local records=\"" << words(Complete::kRecord) << "\"\n"
+       << "    local commands=\"" << words(Complete::kCommand) << "\"\n"
+       << "    local notifications=\"" << words(Complete::kNotification) << "\"\n"
        << "    local verb= i\n"
        << "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
        << "        case ${COMP_WORDS[i]} in\n"
@@ -167,7 +181,7 @@ std::string bashCompletion() {
        << "        esac\n"
        << "    done\n";
     // Values of options, by what they take.
-    std::set<std::string> byKind[4];
+    std::set<std::string> byKind[static_cast<int>(Complete::kNotification) + 1];
     auto collect = [&](std::span<const OptionDef> options) {
         for (const OptionDef& o : options) {
             if (isPositional(o) || !o.value) continue;
@@ -180,7 +194,7 @@ std::string bashCompletion() {
     collect(globalOptions());
     for (const VerbDef& v : verbTable()) collect(v.options);
     os << "    case $prev in\n";
-    for (int k = 0; k < 4; ++k) {
+    for (int k = 0; k < static_cast<int>(std::size(byKind)); ++k) {
         if (byKind[k].empty()) continue;
         std::string pattern;
         for (const std::string& n : byKind[k]) pattern += (pattern.empty() ? "" : "|") + n;
@@ -200,7 +214,7 @@ std::string bashCompletion() {
     for (const VerbDef& v : verbTable()) {
         const char* kind = "none";
         for (const OptionDef& o : v.options)
-            if (isPositional(o)) kind = completionKind(o.complete);
+            if (isPositional(o) && kind == std::string("none")) kind = completionKind(o.complete);
         os << "        " << v.name << ") opts+=\"" << spellings(v.options) << "\"; positional="
            << kind << " ;;\n";
     }
@@ -214,6 +228,8 @@ std::string bashCompletion() {
        << "        file) compopt -o filenames 2>/dev/null; COMPREPLY=($(compgen -f -- \"$cur\")) ;;\n"
        << "        method) COMPREPLY=($(compgen -W \"$methods\" -- \"$cur\")) ;;\n"
        << "        record) COMPREPLY=($(compgen -W \"$records $methods\" -- \"$cur\")) ;;\n"
+       << "        command) COMPREPLY=($(compgen -W \"$commands\" -- \"$cur\")) ;;\n"
+       << "        notification) COMPREPLY=($(compgen -W \"$notifications\" -- \"$cur\")) ;;\n"
        << "        *) COMPREPLY=() ;;\n"
        << "    esac\n"
        << "}\n"

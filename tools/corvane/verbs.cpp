@@ -34,6 +34,18 @@ const OptionDef kMonitor[] = {
      true},
 };
 
+const OptionDef kCall[] = {
+    {"--to", "USER", "The user that serves the command (default: mgmt)"},
+    {"--timeout", "MS", "Wait at most MS milliseconds for the answer (default: $CORVANE_BUS_TIMEOUT_MS, else 5000)"},
+    {"METHOD", "METHOD", "The command", Complete::kCommand, false, true},
+    {"PAYLOAD", "JSON|@FILE", "The payload as JSON, or @FILE (@- for standard input); none: all zero"},
+};
+
+const OptionDef kEmit[] = {
+    {"METHOD", "METHOD", "The notification", Complete::kNotification, false, true},
+    {"PAYLOAD", "JSON|@FILE", "The payload as JSON, or @FILE (@- for standard input); none: all zero"},
+};
+
 const VerbDef kVerbs[] = {
     {"list", "List the 49 messages: interface, index, name, magic, key, payload",
      "Lists the 19 commands and the 30 notifications in table order with their interface, "
@@ -63,6 +75,20 @@ const VerbDef kVerbs[] = {
      "where decoding stopped. Runs until interrupted (exit 0) or until the bus goes away "
      "(exit 1).",
      kMonitor},
+    {"call", "Send one command and print the answer's status",
+     "Sends one command to a user on the bus (--to, by default mgmt, the management side) "
+     "through the library's send function, from a user of its own named corvane-PID, and "
+     "prints the status of the answer. The payload's fields are the keys of the JSON "
+     "object, as encode takes them (the scalar payloads' are value1, value2, ..., text1, "
+     "..., repeaterId, enable); missing fields are zero or empty. Exits 0 when the status "
+     "is 0, else 1 with one line naming the status: no server (nobody owns the name), a "
+     "timeout, a body the server refused, no handler (20).",
+     kCall},
+    {"emit", "Send one notification",
+     "Sends one notification (a signal to every subscriber) from a user of its own named "
+     "corvane-PID, its payload given as for call. Exits 0 when the middleware has sent it, "
+     "else 1 with one line naming the status.",
+     kEmit},
 };
 
 }  // namespace

@@ -8,7 +8,7 @@
 namespace cvi {
 
 // What the shell completes for an option's value or a positional argument.
-enum class Complete { kNone, kFile, kMethod, kRecord };
+enum class Complete { kNone, kFile, kMethod, kRecord, kCommand, kNotification };
 
 struct OptionDef {
     const char* names;  // "-m,--method" for an option, "FILE" for a positional argument

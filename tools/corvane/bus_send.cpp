@@ -1,0 +1,38 @@
+#include "bus_send.h"
+
+#include <unistd.h>
+
+#include "inspect.h"
+#include "quib_dbus.h"
+
+namespace cvi {
+
+SendOutcome sendOnBus(const std::string& address, const SendEntry& e, const std::string& to,
+                      const void* payload, uint32_t timeoutMs) {
+    SendOutcome out;
+    out.from = "corvane-" + std::to_string(getpid());
+    takeLog();
+    out.status = corvane_initialize();
+    void* user = out.status == CORVANE_OK
+                     ? quibDbus_newUser(out.from.c_str(), address.c_str(), &out.status)
+                     : nullptr;
+    if (user) {
+        out.joined = true;
+        out.status = corVane_regUser_msgMngt(user, nullptr, nullptr, CORVANE_SELECT_BOTH);
+    }
+    if (out.joined && out.status == CORVANE_OK) {
+        quibDbus_setTimeout(timeoutMs);
+        out.timeoutMs = quibDbus_timeout();
+        e.send(user, to.c_str(), payload);
+        // A notification's send function returns nothing: the middleware
+        // keeps the status of either kind of send.
+        out.status = quibDbus_lastStatus(user);
+        if (e.intf == CORVANE_INTF_CMD) out.toPid = quibDbus_userPid(user, to.c_str());
+        corVane_unregUser_msgMngt(user, CORVANE_SELECT_BOTH);
+    }
+    if (user) quibDbus_freeUser(user);  // flushes what is still queued (a signal)
+    out.log = takeLog();
+    return out;
+}
+
+}  // namespace cvi
