@@ -89,6 +89,9 @@ private:
         if (v.is_number_unsigned()) {
             value = v.get<uint64_t>();
             ok = true;
+        } else if (v.is_number_integer() && v.get<int64_t>() >= 0) {  // built in C++ from an int
+            value = static_cast<uint64_t>(v.get<int64_t>());
+            ok = true;
         } else if (v.is_string()) {  // "0x1f", "31"
             const std::string s = v.get<std::string>();
             char* end = nullptr;
