@@ -1,10 +1,8 @@
 // Allocations made by the library, counted by replacing malloc, calloc,
-// realloc and free for the whole process (the test binary exports them, so
-// libCorvane and the stand-in bus call these). While a test records, each
-// call is kept with its caller's return address, which tells the library's
-// calls from the stand-in's, and each free with the block's first word, which
-// shows what freeBody left in a body's magic. Built only without sanitizers:
-// they replace the same functions.
+// realloc and free for the whole process (the binary exports them, so the
+// libraries call these). Each call is kept with its caller, which tells the
+// library's calls from the stand-in bus's, and each free with the block's
+// first word, which shows what freeBody left in a body's magic.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
