@@ -345,33 +345,6 @@ TEST(Golden, EveryElementKind) {
     EXPECT_EQ("", diff(kOuter, &rec, &back));
 }
 
-// The same for records of the interface: a nested record restarts its tags
-// in place, and the parent's numbering skips the reserved one.
-TEST(Golden, InterfaceRecords) {
-    registrationStatus rs{1, 2, 3, 4, {"reg", 7, 8}, "sip"};
-    const Bytes status = words({3, 4, 1, 4, 4, 2, 5, 4, 3, 6, 4, 4}) + text(3, 8, "reg") + words({4, 4, 7, 5, 4, 8}) +
-                         text(8, 8, "sip");
-    LineRinger lr{};
-    lr.eventNumberOfEntries = 1;
-    lr.event[0] = {0xA, 0xB};
-    lr.patternNumberOfEntries = 1;
-    lr.pattern[0] = {1, 2, 3, 4};
-    const Bytes ringer = words({3, 4, 1, 3, 4, 0xA, 4, 4, 0xB, 5, 4, 0, 7, 4, 1, 3, 4, 1, 4, 4, 2, 5, 4, 3, 6, 4, 4});
-    Record rsBack(corVane_recordSchema("registrationStatus")), lrBack(corVane_recordSchema("LineRinger"));
-    for (auto [schema, rec, golden, back] : {std::tuple{rsBack.schema(), static_cast<const void*>(&rs), &status, &rsBack},
-                                             std::tuple{lrBack.schema(), static_cast<const void*>(&lr), &ringer, &lrBack}}) {
-        SCOPED_TRACE(schema->name);
-        Bytes out(golden->size(), 0xEE);
-        uint8_t* cursor = out.data();
-        ASSERT_EQ(golden->size(), corVane_record_serialize_lg(schema, rec));
-        ASSERT_EQ(0u, corVane_record_serialize(schema, rec, &cursor));
-        EXPECT_EQ(*golden, out);
-        const uint8_t* in = golden->data();
-        ASSERT_EQ(0u, corVane_record_unserialize(schema, back->data(), &in));
-        EXPECT_EQ("", diff(*schema, rec, back->data()));
-    }
-}
-
 // The lengths the record descriptions state, for empty instances and for
 // full ones (texts at capacity - 1, counts at capacity).
 TEST(Golden, StatedLengths) {

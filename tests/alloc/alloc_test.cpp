@@ -19,7 +19,6 @@
 #include "support/base_reset.h"
 #include "support/bindings.h"
 #include "support/records.h"
-#include "support/typed_ops.h"
 
 extern "C" {
 void* __libc_malloc(size_t);
@@ -90,34 +89,6 @@ std::vector<Event> recorded(F&& f) {
     gRecording = false;
     EXPECT_LE(gCount.load(), kMaxEvents) << "more calls than the record holds";
     return std::vector<Event>(gEvents, gEvents + std::min(gCount.load(), kMaxEvents));
-}
-
-// The typed operations of every record type, on a full instance, allocate nothing.
-TEST(Alloc, RecordOperationsAllocateNothing) {
-    ASSERT_EQ(66u, cvtest::allRecords().size());
-    for (const CorVaneSchema* s : cvtest::allRecords()) {
-        SCOPED_TRACE(s->name);
-        const cvtest::TypedOps& ops = cvtest::typedOps(s);
-        cvtest::Record src(s), dst(s), copy(s);
-        cvtest::fillFull(*s, src.data(), 7, cvtest::Counts::kCapacity);
-        std::vector<uint8_t> wire(cvtest::encodedLength(*s, src.data()));
-        uint32_t length = 0, st[4] = {1, 1, 1, 1};
-        const std::vector<Event> events = recorded([&] {
-            st[0] = ops.copy(copy.data(), src.data());
-            ops.clean(copy.data());
-            length = ops.length(src.data());
-            uint8_t* out = wire.data();
-            st[1] = ops.serialize(src.data(), &out);
-            const uint8_t* in = wire.data();
-            st[2] = ops.unserialize(dst.data(), &in);
-            in = wire.data();
-            st[3] = ops.unserializeBounded(dst.data(), &in, wire.data() + wire.size());
-        });
-        EXPECT_EQ(0u, events.size()) << "first by " << whoCalled(events[0].caller);
-        EXPECT_EQ(wire.size(), length);
-        EXPECT_EQ(std::vector<uint32_t>(4, 0), std::vector<uint32_t>(st, st + 4));
-        EXPECT_EQ("", cvtest::diff(*s, src.data(), dst.data()));
-    }
 }
 
 // One trip of every message, full payload, from the sender's call through the

@@ -1,6 +1,6 @@
 // The stand-in bus on its own, driven through a fake interface whose body
-// callbacks log what the bus does with them: routing, fan-out, refusals and
-// responses. Tables, user registration, events and failure injection are
+// callbacks log what the bus does with them: routing, fan-out and refusals.
+// Tables, user registration, responses, events and failure injection are
 // checked through the library by its own tests.
 #include <gtest/gtest.h>
 
@@ -24,7 +24,6 @@ static_assert(offsetof(FakeDesc, methods) == CORVANE_INTF_METHODS_OFFSET);
 
 std::string gLog;  // "what kind:value, " per callback
 uint32_t gSerStatus, gUnserStatus;
-bool gRespond;
 
 uint32_t valueOf(const void *p) { uint32_t v; std::memcpy(&v, p, 4); return v; }
 void *newBody(uint32_t v) { void *b = std::malloc(4); std::memcpy(b, &v, 4); return b; }
@@ -51,9 +50,8 @@ void fakeRecv(void *ctx, void *body, CorVaneHandler h, void *arg) {
     note("recv", M, valueOf(body));
     h(ctx, arg, body);
 }
-uint32_t fakeHandler(void *ctx, void *arg, void *payload) {
+uint32_t fakeHandler(void *, void *arg, void *payload) {
     note(std::string("handler ") + static_cast<const char *>(arg), 0, valueOf(payload));
-    if (gRespond) quibCore_sendMsgRes(ctx, nullptr, 20, 18);
     return 0;
 }
 
@@ -67,7 +65,6 @@ protected:
         quibStub_reset();
         gLog.clear();
         gSerStatus = gUnserStatus = 0;
-        gRespond = false;
         QuibMsgMngtTable *table = nullptr;
         ASSERT_EQ(num = quibCore_getBase_msgMngt("Fake", &table, kMethods), 1u);  // reset renumbers
         desc.num = num;
@@ -160,29 +157,6 @@ TEST_F(Bus, SendsGoThroughTheRowToTheirReceiversAndReleaseEveryBody) {
         EXPECT_EQ(e.bodiesReleased - s.bodiesReleased, 1 + deliveries);
         quibStub_setFailure(call, 0, 0);
     }
-}
-
-// A response takes num and method from the message context, none from an
-// unknown one. An injected failure comes after the given successes and stays
-// until cleared; a refused response is not recorded.
-TEST_F(Bus, ResponsesTakeNumAndMethodFromTheContext) {
-    gRespond = true;
-    ASSERT_EQ(listen(false, quibStub_newUser("mgmt"), "mgmt", 2), 0u);
-    ASSERT_EQ(listen(true, sender, "s", 1), 0u);
-    quibStub_setFailure(QUIB_STUB_SEND_RES, 0x66, 2);
-    EXPECT_EQ(post(false, 2), 0u);
-    EXPECT_EQ(post(true, 1), 0u);
-    int unknown = 0;
-    auto respond = [&] { return quibCore_sendMsgRes(&unknown, nullptr, 5, 3); };
-    EXPECT_EQ((Words{respond(), respond()}), (Words{0x66, 0x66}));
-    quibStub_setFailure(QUIB_STUB_SEND_RES, 0, 0);
-    EXPECT_EQ(respond(), 0u);
-    size_t n = 0;
-    const QuibStubResponse *r = quibStub_responses(&n);
-    std::vector<Words> got;
-    for (size_t i = 0; i < n; i++) got.push_back({r[i].num, r[i].method, r[i].status, r[i].prio});
-    const std::vector<Words> want{{num, 2, 20, 18}, {num, 1, 20, 18}, {0xffff, 0xffff, 5, 3}};
-    EXPECT_EQ(got, want);
 }
 
 }  // namespace
