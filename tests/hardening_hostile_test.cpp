@@ -132,9 +132,9 @@ const HostileCase kCases[] = {
      [] { return words({0, 4, kFqdnMagic, 1, 4, 0, 3, 4, 1, 4, 4, 0xFFFFFFFFu}); },
      {4, 0, {"corVane_FQDNServers_unserialize: pBody({+48}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
     // ---- tags and texts of a body (both readers alike) --------------------------
-    {"MagicTagWrong", "SetLineCallState", [] { return words({7, 4, kLineCallMagic, 1, 4, 0, 3, 4, 1}); },
-     {2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}},
-     Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}}},
+    {"MagicTagWrong", "SetLineCallState", [] { return words({1, 4, kLineCallMagic, 1, 4, 0, 3, 4, 1}); },
+     {2, 0, {kLineCallBody + "pBody({+0}): Tl(1-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}},
+     Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(1-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}}},
     {"EnvelopeWordTagWrong", "SetLineCallState", [] { return words({0, 4, kLineCallMagic, 7, 4, 0, 3, 4, 1}); },
      {2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}}, Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}}},
     // A scalar payload logs under the callback that reads it, a record under its own operation.
@@ -217,6 +217,15 @@ INSTANTIATE_TEST_SUITE_P(Inputs, HardeningHostile, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<HostileCase>& i) {
                              return std::string(i.param.name);
                          });
+
+// The envelope is read from where the buffer starts: twelve bytes before it
+// that look like the tag-1 element change nothing.
+TEST(HardeningHostileEdges, BytesBeforeTheBufferAreNotRead) {
+    const Bytes bytes = words({1, 4, 0, 0, 4, kLineCallMagic, 7, 4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3});
+    for (bool bounded : {true, false})
+        expectAnswer("SetLineCallState", bytes.data() + 12, bytes.size() - 12, bounded,
+                     {2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}});
+}
 
 // A null buffer of a body is refused before anything is read.
 TEST(HardeningHostileEdges, NullBufferIsRefused) {

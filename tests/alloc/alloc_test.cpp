@@ -19,6 +19,7 @@
 #include "support/base_reset.h"
 #include "support/bindings.h"
 #include "support/records.h"
+#include "support/syslog_capture.h"
 
 extern "C" {
 void* __libc_malloc(size_t);
@@ -49,12 +50,19 @@ void* record(bool freed, void* block, size_t size, void* caller, uint32_t firstW
     return block;
 }
 
+// The next allocation of this many bytes fails, once.
+std::atomic<size_t> gRefuse{0};
+bool refused(size_t n) { return n != 0 && gRefuse.compare_exchange_strong(n, 0); }
+
 }  // namespace
 
 extern "C" {
-void* malloc(size_t n) { return record(false, __libc_malloc(n), n, __builtin_return_address(0)); }
+void* malloc(size_t n) {
+    return refused(n) ? nullptr : record(false, __libc_malloc(n), n, __builtin_return_address(0));
+}
 void* calloc(size_t n, size_t size) {
-    return record(false, __libc_calloc(n, size), n * size, __builtin_return_address(0));
+    return refused(n * size) ? nullptr
+                             : record(false, __libc_calloc(n, size), n * size, __builtin_return_address(0));
 }
 // Counted as an allocation only, so a block handed to it shows as never freed.
 void* realloc(void* old, size_t n) {
@@ -147,6 +155,43 @@ TEST(Alloc, EveryMessageTripAllocatesItsBlocksAndFreesThem) {
                                             "library " + body + " freed " + freed}),
                   blocks);
     }
+    cvtest::resetBase();
+}
+
+// Each allocation a message needs, refused in turn: the caller's status and
+// line, and nothing handed out.
+TEST(Alloc, RefusedAllocationsAreReported) {
+    const cvtest::Binding& b = cvtest::bindings()[9];
+    ASSERT_STREQ("SetLineCallState", b.info->name);
+    cvtest::resetBase();
+    ASSERT_EQ(0u, corVane_addBase());
+    void* voice = quibStub_newUser("voice");
+    const lineCallState lcs{1, 2, 3};
+    void* body = cvtest::makeBody(b, &lcs);
+    const std::vector<uint8_t> wire = cvtest::serializedBody(b, body);
+    uint8_t* buf = nullptr;
+    uint32_t len = 0, size = 0;
+    void* back = nullptr;
+    char* text = nullptr;
+    cvtest::clearLog();
+    gRefuse = wire.size();
+    EXPECT_EQ(5u, b.serializeBody(0, body, &buf, &len));
+    gRefuse = b.info->bodySize;
+    EXPECT_EQ(5u, b.unserializeBody(0, wire.data(), &back, &size));
+    gRefuse = 1;
+    b.logBody(nullptr, nullptr, nullptr, &text);
+    gRefuse = b.info->bodySize;
+    EXPECT_EQ(0u, corVane_sendReq_setLineCallState(voice, nullptr, "mgmt", &lcs));
+    EXPECT_EQ(0u, gRefuse.load());
+    EXPECT_EQ(0u, quibStub_lastCall(QUIB_STUB_SEND_REQ)->calls);
+    EXPECT_TRUE(buf == nullptr && back == nullptr && text == nullptr);
+    const std::string cb = "corVane_cbEvtMsgMngt_", name = "_msgCmdReq_setLineCallState: ";
+    EXPECT_EQ((std::vector<std::string>{cb + "serializeBody" + name + "Allocating Memory N Ctx[]\n",
+                                        cb + "unserializeBody" + name + "Allocating Memory Ctx[]\n",
+                                        cb + "logBody" + name + "Allocating Memory N Ctx[]\n",
+                                        "corVane_sendReq_setLineCallState: Allocating Memory Ctx[]\n"}),
+              cvtest::logTextsWithoutLine());
+    b.freeBody(0, body);
     cvtest::resetBase();
 }
 
