@@ -218,13 +218,17 @@ INSTANTIATE_TEST_SUITE_P(Inputs, HardeningHostile, testing::ValuesIn(kCases),
                              return std::string(i.param.name);
                          });
 
-// The envelope is read from where the buffer starts: twelve bytes before it
-// that look like the tag-1 element change nothing.
-TEST(HardeningHostileEdges, BytesBeforeTheBufferAreNotRead) {
+// The envelope is read from where the buffer starts to where it ends: twelve
+// bytes before it that look like the tag-1 element change nothing, and a
+// bounded read stops at its end though a whole body follows.
+TEST(HardeningHostileEdges, BytesOutsideTheBufferAreNotRead) {
     const Bytes bytes = words({1, 4, 0, 0, 4, kLineCallMagic, 7, 4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3});
     for (bool bounded : {true, false})
         expectAnswer("SetLineCallState", bytes.data() + 12, bytes.size() - 12, bounded,
                      {2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}});
+    const Bytes whole = bodyWithWord("SetLineCallState", 0);
+    expectAnswer("SetLineCallState", whole.data(), 20, true,
+                 {4, 0, {kLineCallBody + "pBody({+0}): Type(1) runs past the end of the buffer: 12 bytes needed, 8 left\n"}});
 }
 
 // A null buffer of a body is refused before anything is read.
