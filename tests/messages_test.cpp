@@ -296,6 +296,12 @@ TEST_F(Messages, RegistrationFailuresAreLoggedAndReturned) {
                   "corVane_modSrv_needUpdate_ntfyOnChangeObjectRegistrar: user(" + u +
                       "): ModSrv failed(7)\n"}),
               logTextsWithoutLine());
+    // A line longer than the library's 512-byte buffer is cut to 511 characters.
+    const std::string bus(600, 'b');
+    EXPECT_EQ(6u, corVane_modCliNtfyUser_recvMsg_onPingSip(user, nullptr, nullptr, nullptr, bus.c_str(), who));
+    const std::string& cut = logLines().back().text;
+    EXPECT_EQ(511u, cut.size());
+    EXPECT_EQ(std::string(40, 'b'), cut.substr(471));
 }
 
 

@@ -388,36 +388,43 @@ TEST(Golden, StatedLengths) {
     }
 }
 
-// Tags above 255 are written and read in full: a record of 256 words
-// carries tags 3 to 258, and a header that only a tag counter carried into
-// the length word would give is refused where tag 256 is expected.
+// Tags above 255 are written and read in full: a record of 255 words and a
+// text carries tags 3 to 258, and a header that only a tag counter carried
+// into the length word would give is refused where tag 256 is expected.
 TEST(Codec, TagsAbove255) {
-    constexpr uint16_t kFields = 256;
-    std::vector<CorVaneField> fields(kFields);
-    for (uint16_t i = 0; i < kFields; ++i) fields[i] = {"w", nullptr, 4u * i, 0, CORVANE_FIELD_U32, 0};
-    const CorVaneSchema s{"Words256", fields.data(), 4 * kFields, kFields, 0};
-    std::vector<uint32_t> rec(kFields), back(kFields);
+    constexpr uint16_t kWords = 255;
+    struct Wide {
+        uint32_t w[kWords];
+        char text[4];
+    };
+    std::vector<CorVaneField> fields(kWords + 1);
+    for (uint16_t i = 0; i < kWords; ++i) fields[i] = {"w", nullptr, 4u * i, 0, CORVANE_FIELD_U32, 0};
+    fields[kWords] = {"text", nullptr, offsetof(Wide, text), 4, CORVANE_FIELD_TEXT, 0};
+    const CorVaneSchema s{"Wide", fields.data(), sizeof(Wide), kWords + 1, 0};
+    Wide rec{}, back{};
     Bytes want;
-    for (uint32_t i = 0; i < kFields; ++i) want = want + words({3 + i, 4, rec[i] = 0x01000000u + i});
-    ASSERT_EQ(want.size(), corVane_record_serialize_lg(&s, rec.data()));
-    Bytes out(want.size());
+    for (uint32_t i = 0; i < kWords; ++i) want = want + words({3 + i, 4, rec.w[i] = 0x01000000u + i});
+    std::strcpy(rec.text, "hi");
+    want = want + words({258, 4}) + Bytes{'h', 'i', 0, 0xEE};
+    ASSERT_EQ(want.size(), corVane_record_serialize_lg(&s, &rec));
+    Bytes out(want.size(), 0xEE);
     uint8_t* cur = out.data();
-    ASSERT_EQ(0u, corVane_record_serialize(&s, rec.data(), &cur));
+    ASSERT_EQ(0u, corVane_record_serialize(&s, &rec, &cur));
     EXPECT_EQ(want, out);
     const uint8_t* in = out.data();
-    ASSERT_EQ(0u, corVane_record_unserialize(&s, back.data(), &in));
-    EXPECT_EQ(rec, back);
+    ASSERT_EQ(0u, corVane_record_unserialize(&s, &back, &in));
+    EXPECT_EQ("", diff(s, &rec, &back));
     const Bytes bad = words({0, 0x01000004u});
     std::memcpy(out.data() + 12 * 253, bad.data(), bad.size());
     for (const bool bounded : {false, true}) {
         in = out.data();
         clearLog();
-        EXPECT_EQ(4u, bounded ? corVane_record_unserialize_bounded(&s, back.data(), &in, out.data() + out.size())
-                              : corVane_record_unserialize(&s, back.data(), &in));
+        EXPECT_EQ(4u, bounded ? corVane_record_unserialize_bounded(&s, &back, &in, out.data() + out.size())
+                              : corVane_record_unserialize(&s, &back, &in));
         EXPECT_EQ(out.data() + 12 * 253, in);
         ASSERT_FALSE(logTextsWithoutLine().empty());
-        EXPECT_EQ("Words256_unserialize: pBody(" + ptr(out.data()) + "): Tl(0-16777220) expectded(256)\n",
-                  logTextsWithoutLine()[0].substr(8));
+        EXPECT_EQ("corVane_Wide_unserialize: pBody(" + ptr(out.data()) + "): Tl(0-16777220) expectded(256)\n",
+                  logTextsWithoutLine()[0]);
     }
 }
 
@@ -469,9 +476,9 @@ TEST(Codec, UnterminatedTextIsRefusedOnWriting) {
                   "corVane_dectRepeater_serialize: lgChainIn(14) lgMaxChainOut(13)\n",
                   "corVane_dectRepeater_serialize: pBody(" + ptr(out.data()) + "): Type(7) -> Error Before\n"}),
               logTextsWithoutLine());
-    // The last field, after a text that was written.
+    // The last field, after a text that was written; its bytes all 0x01.
     std::strcpy(r.text1, "ok");
-    std::memset(r.text2, 'q', sizeof r.text2);
+    std::memset(r.text2, 1, sizeof r.text2);
     EXPECT_EQ(36u + 12 + 16, corVane_dectRepeater_serialize_lg(&r));
     cur = out.data();
     ASSERT_EQ(4u, corVane_dectRepeater_serialize(&r, &cur));
