@@ -25,21 +25,8 @@ struct BodyHead {
 
 uint8_t* payloadOf(void* body) { return static_cast<uint8_t*>(body) + CORVANE_BODY_PAYLOAD_OFFSET; }
 
-// A zeroed block of n bytes, or null. Small blocks come from malloc and are
-// cleared here: the C library serves those from its per-thread cache, which
-// calloc passes by. The empty asm hides where the pointer came from, so that
-// the compiler does not fold the pair back into calloc. Large blocks keep
-// calloc, which gets fresh pages already zeroed.
-void* zeroedBlock(size_t n) {
-    constexpr size_t kSmall = 1024;
-    if (n > kSmall) return std::calloc(n, 1);
-    void* p = std::malloc(n);
-    if (p) {
-        asm volatile("" : "+r"(p));
-        std::memset(p, 0, n);
-    }
-    return p;
-}
+// A zeroed block of n bytes, or null.
+void* zeroedBlock(size_t n) { return std::calloc(n, 1); }
 
 bool isCommand(const Msg& m) { return m.intf == CORVANE_INTF_CMD; }
 bool isRecord(const Msg& m) { return m.flags & CORVANE_MSG_RECORD_PAYLOAD; }

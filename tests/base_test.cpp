@@ -12,6 +12,9 @@ namespace cvtest {
 namespace {
 
 const std::string kBase = ptr(&corVane_base);
+// The descriptor as the library was loaded, before any test resets it.
+const uint32_t kLoaded[] = {corVane_base.debug, corVane_base.state, corVane_base.flags, corVane_base.cmd.num,
+                            corVane_base.ntfy.num};
 
 uintptr_t w(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 
@@ -43,7 +46,7 @@ protected:
 TEST_F(Base, IsStaticallyInitialisedAsTheMiddlewareReadsIt) {
     EXPECT_EQ(0x1300713u, corVane_base.magic);
     EXPECT_STREQ("CorVane", corVane_base.name);
-    EXPECT_EQ(0u, corVane_base.debug | corVane_base.state | corVane_base.flags);
+    EXPECT_EQ((std::vector<uint32_t>{0, 0, 0, 0xffff, 0xffff}), std::vector<uint32_t>(kLoaded, kLoaded + 5));
     for (const Intf& in : intfs()) {
         EXPECT_EQ(in.magic, in.head->magic);
         EXPECT_STREQ(in.name, in.head->name);
@@ -142,7 +145,7 @@ TEST_F(Base, DelBasePutsBothTablesBack) {
         EXPECT_EQ(want, logTextsWithoutLine());
         if (c.code) continue;
         EXPECT_EQ(2u, calls(QUIB_STUB_PUT_BASE));
-        EXPECT_EQ(ntfy, arg(QUIB_STUB_PUT_BASE, 0));
+        EXPECT_EQ((std::vector<uintptr_t>{ntfy, 0}), lastArgs(QUIB_STUB_PUT_BASE));
         EXPECT_EQ(0xffffu, corVane_getCmdIntfNum());
         EXPECT_EQ(0xffffu, corVane_getNtfyIntfNum());
     }
@@ -217,6 +220,9 @@ TEST_F(Base, RegUserFollowsTheSelector) {
         }
         EXPECT_EQ(0u, corVane_unregUser_msgMngt(u, c.selector));
         EXPECT_FALSE(quibStub_isRegistered(u, cmd) || quibStub_isRegistered(u, ntfy));
+        if (c.cmd || c.ntfy) {
+            EXPECT_EQ((std::vector<uintptr_t>{w(u), c.ntfy ? ntfy : cmd, 0xffff, 0}), lastArgs(QUIB_STUB_UNREG_USER));
+        }
     }
     EXPECT_TRUE(logLines().empty());
 }

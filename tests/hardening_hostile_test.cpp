@@ -22,20 +22,6 @@
 namespace cvtest {
 namespace {
 
-Bytes words(std::initializer_list<uint32_t> ws) {
-    Bytes out;
-    for (uint32_t w : ws) {
-        out.resize(out.size() + 4);
-        putBe32(&out[out.size() - 4], w);
-    }
-    return out;
-}
-
-Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 Bytes chars(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 // Replaces each "{+n}" with the address base + n, as the library prints it.
@@ -54,6 +40,18 @@ constexpr uint32_t kMakeCallMagic = 0x20140808u;  // OnMakeCall
 const std::string kLineCall = "corVane_lineCallState_unserialize: ";
 const std::string kLineCallBody =
     "corVane_cbEvtMsgMngt_unserializeBody_msgCmdReq_setLineCallState: ";
+
+const std::string kMakeCall = "corVane_cbEvtMsgMngt_unserializeBody_msgNtfyReq_onMakeCall: ";
+const std::string kBattery = "corVane_BatteryCfg_unserialize: pBody({+24}): ";
+const std::vector<std::string> kMakeCallTagLines = {
+    kMakeCall + "pBody({+24}): Tl(9-4) expectded(3)\n", kMakeCall + "pBody({+24}): Type(4) -> Error Before\n",
+    kMakeCall + "pBody({+24}): Type(5) -> Error Before\n", kMakeCall + "pBody({+24}): Type(6) -> Error Before\n",
+    kMakeCall + "pBody({+24}): Type(7) -> Error Before\n"};
+const std::vector<std::string> kBatteryTagLines = {kBattery + "Tl(9-4) expectded(3)\n", kBattery + "Type(4) -> Error Before\n",
+                                                   kBattery + "Type(5) -> Error Before\n", kBattery + "Type(6) -> Error Before\n"};
+const std::vector<std::string> kMakeCallTextLines = {kMakeCall + "lgChainIn(33) lgMaxChainOut(32)\n",
+                                                     kMakeCall + "pBody({+24}): Type(6) -> Error Before\n",
+                                                     kMakeCall + "pBody({+24}): Type(7) -> Error Before\n"};
 
 struct Answer {
     uint32_t status;
@@ -133,6 +131,20 @@ const HostileCase kCases[] = {
     {"BodyCountAllOnes", "SetProfileFQDNServers",
      [] { return words({0, 4, kFqdnMagic, 1, 4, 0, 3, 4, 1, 4, 4, 0xFFFFFFFFu}); },
      {4, 0, {"corVane_FQDNServers_unserialize: pBody({+48}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
+    // ---- tags and texts of a body (both readers alike) --------------------------
+    {"MagicTagWrong", "SetLineCallState", [] { return words({1, 4, kLineCallMagic, 1, 4, 0, 3, 4, 1}); },
+     {2, 0, {kLineCallBody + "pBody({+0}): Tl(1-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}},
+     Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(1-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}}},
+    {"EnvelopeWordTagWrong", "SetLineCallState", [] { return words({0, 4, kLineCallMagic, 7, 4, 0, 3, 4, 1}); },
+     {2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}}, Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}}},
+    // A scalar payload logs under the callback that reads it, a record under its own operation.
+    {"ScalarPayloadTagWrong", "OnMakeCall", [] { return words({0, 4, kMakeCallMagic, 1, 4, 0, 9, 4, 1}); },
+     {4, 0, kMakeCallTagLines}, Answer{4, 0, kMakeCallTagLines}},
+    {"RecordPayloadTagWrong", "OnBatteryCfg", [] { return words({0, 4, 0x20162103u, 1, 4, 0, 9, 4, 1}); },
+     {4, 0, kBatteryTagLines}, Answer{4, 0, kBatteryTagLines}},
+    {"BodyTextTooLong", "OnMakeCall",
+     [] { return words({0, 4, kMakeCallMagic, 1, 4, 0, 3, 4, 1, 4, 4, 2}) + stringElement(5, std::string(32, 'c')); },
+     {4, 0, kMakeCallTextLines}, Answer{4, 0, kMakeCallTextLines}},
     // ---- magics -------------------------------------------------------------------
     // Another message's magic (SetRegistrationStatus shares none with this
     // one), and none at all: refused by the bounded reader, where the classic
@@ -205,6 +217,19 @@ INSTANTIATE_TEST_SUITE_P(Inputs, HardeningHostile, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<HostileCase>& i) {
                              return std::string(i.param.name);
                          });
+
+// The envelope is read from where the buffer starts to where it ends: twelve
+// bytes before it that look like the tag-1 element change nothing, and a
+// bounded read stops at its end though a whole body follows.
+TEST(HardeningHostileEdges, BytesOutsideTheBufferAreNotRead) {
+    const Bytes bytes = words({1, 4, 0, 0, 4, kLineCallMagic, 7, 4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3});
+    for (bool bounded : {true, false})
+        expectAnswer("SetLineCallState", bytes.data() + 12, bytes.size() - 12, bounded,
+                     {2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}});
+    const Bytes whole = bodyWithWord("SetLineCallState", 0);
+    expectAnswer("SetLineCallState", whole.data(), 20, true,
+                 {4, 0, {kLineCallBody + "pBody({+0}): Type(1) runs past the end of the buffer: 12 bytes needed, 8 left\n"}});
+}
 
 // A null buffer of a body is refused before anything is read.
 TEST(HardeningHostileEdges, NullBufferIsRefused) {

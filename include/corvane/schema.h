@@ -89,11 +89,16 @@ CORVANE_API uint32_t corVane_record_unserialize_bounded(const CorVaneSchema *sch
  *   uint32_t corVane_T_copy(T *destination, const T *source);
  *       Field by field; texts are cut to capacity - 1 characters and always
  *       NUL-terminated; arrays copy the count as it stands and
- *       min(count, capacity) entries. Returns 0.
+ *       min(count, capacity) entries. Returns 0. The two records are the
+ *       same one (nothing is done) or do not overlap at all: as for memcpy,
+ *       a partly overlapping pair is not allowed.
  *   void corVane_T_clean(T *record);
  *       Records own no memory; accepts NULL and does nothing else.
  *   uint32_t corVane_T_serialize_lg(const T *record);
- *       The exact number of bytes corVane_T_serialize writes.
+ *       The exact number of bytes corVane_T_serialize writes for a record it
+ *       accepts. A text with no NUL within its field (which
+ *       corVane_T_serialize refuses) is counted as capacity characters, so
+ *       the result is never less than what corVane_T_serialize writes.
  *   uint32_t corVane_T_serialize(const T *record, uint8_t **cursor);
  *       Writes the elements at *cursor, which must have serialize_lg bytes
  *       of room, and stores the advanced cursor back. Returns 0, or 4 when a

@@ -1,10 +1,8 @@
 // Allocations made by the library, counted by replacing malloc, calloc,
-// realloc and free for the whole process (the test binary exports them, so
-// libCorvane and the stand-in bus call these). While a test records, each
-// call is kept with its caller's return address, which tells the library's
-// calls from the stand-in's, and each free with the block's first word, which
-// shows what freeBody left in a body's magic. Built only without sanitizers:
-// they replace the same functions.
+// realloc and free for the whole process (the binary exports them, so the
+// libraries call these). Each call is kept with its caller, which tells the
+// library's calls from the stand-in bus's, and each free with the block's
+// first word, which shows what freeBody left in a body's magic.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -21,7 +19,7 @@
 #include "support/base_reset.h"
 #include "support/bindings.h"
 #include "support/records.h"
-#include "support/typed_ops.h"
+#include "support/syslog_capture.h"
 
 extern "C" {
 void* __libc_malloc(size_t);
@@ -52,12 +50,19 @@ void* record(bool freed, void* block, size_t size, void* caller, uint32_t firstW
     return block;
 }
 
+// The next allocation of this many bytes fails, once.
+std::atomic<size_t> gRefuse{0};
+bool refused(size_t n) { return n != 0 && gRefuse.compare_exchange_strong(n, 0); }
+
 }  // namespace
 
 extern "C" {
-void* malloc(size_t n) { return record(false, __libc_malloc(n), n, __builtin_return_address(0)); }
+void* malloc(size_t n) {
+    return refused(n) ? nullptr : record(false, __libc_malloc(n), n, __builtin_return_address(0));
+}
 void* calloc(size_t n, size_t size) {
-    return record(false, __libc_calloc(n, size), n * size, __builtin_return_address(0));
+    return refused(n * size) ? nullptr
+                             : record(false, __libc_calloc(n, size), n * size, __builtin_return_address(0));
 }
 // Counted as an allocation only, so a block handed to it shows as never freed.
 void* realloc(void* old, size_t n) {
@@ -92,34 +97,6 @@ std::vector<Event> recorded(F&& f) {
     gRecording = false;
     EXPECT_LE(gCount.load(), kMaxEvents) << "more calls than the record holds";
     return std::vector<Event>(gEvents, gEvents + std::min(gCount.load(), kMaxEvents));
-}
-
-// The typed operations of every record type, on a full instance, allocate nothing.
-TEST(Alloc, RecordOperationsAllocateNothing) {
-    ASSERT_EQ(66u, cvtest::allRecords().size());
-    for (const CorVaneSchema* s : cvtest::allRecords()) {
-        SCOPED_TRACE(s->name);
-        const cvtest::TypedOps& ops = cvtest::typedOps(s);
-        cvtest::Record src(s), dst(s), copy(s);
-        cvtest::fillFull(*s, src.data(), 7, cvtest::Counts::kCapacity);
-        std::vector<uint8_t> wire(cvtest::encodedLength(*s, src.data()));
-        uint32_t length = 0, st[4] = {1, 1, 1, 1};
-        const std::vector<Event> events = recorded([&] {
-            st[0] = ops.copy(copy.data(), src.data());
-            ops.clean(copy.data());
-            length = ops.length(src.data());
-            uint8_t* out = wire.data();
-            st[1] = ops.serialize(src.data(), &out);
-            const uint8_t* in = wire.data();
-            st[2] = ops.unserialize(dst.data(), &in);
-            in = wire.data();
-            st[3] = ops.unserializeBounded(dst.data(), &in, wire.data() + wire.size());
-        });
-        EXPECT_EQ(0u, events.size()) << "first by " << whoCalled(events[0].caller);
-        EXPECT_EQ(wire.size(), length);
-        EXPECT_EQ(std::vector<uint32_t>(4, 0), std::vector<uint32_t>(st, st + 4));
-        EXPECT_EQ("", cvtest::diff(*s, src.data(), dst.data()));
-    }
 }
 
 // One trip of every message, full payload, from the sender's call through the
@@ -178,6 +155,60 @@ TEST(Alloc, EveryMessageTripAllocatesItsBlocksAndFreesThem) {
                                             "library " + body + " freed " + freed}),
                   blocks);
     }
+    cvtest::resetBase();
+}
+
+// Each allocation a message needs, refused in turn: the caller's status and
+// line, and nothing handed out.
+TEST(Alloc, RefusedAllocationsAreReported) {
+    const cvtest::Binding& b = cvtest::bindings()[9];
+    ASSERT_STREQ("SetLineCallState", b.info->name);
+    cvtest::resetBase();
+    ASSERT_EQ(0u, corVane_addBase());
+    void* voice = quibStub_newUser("voice");
+    const lineCallState lcs{1, 2, 3};
+    void* body = cvtest::makeBody(b, &lcs);
+    const std::vector<uint8_t> wire = cvtest::serializedBody(b, body);
+    uint8_t* buf = nullptr;
+    uint32_t len = 0, size = 0;
+    void* back = nullptr;
+    char* text = nullptr;
+    cvtest::clearLog();
+    gRefuse = wire.size();
+    EXPECT_EQ(5u, b.serializeBody(0, body, &buf, &len));
+    gRefuse = b.info->bodySize;
+    EXPECT_EQ(5u, b.unserializeBody(0, wire.data(), &back, &size));
+    gRefuse = 1;
+    b.logBody(nullptr, nullptr, nullptr, &text);
+    gRefuse = b.info->bodySize;
+    EXPECT_EQ(0u, corVane_sendReq_setLineCallState(voice, nullptr, "mgmt", &lcs));
+    EXPECT_EQ(0u, gRefuse.load());
+    EXPECT_EQ(0u, quibStub_lastCall(QUIB_STUB_SEND_REQ)->calls);
+    EXPECT_TRUE(buf == nullptr && back == nullptr && text == nullptr);
+    const std::string cb = "corVane_cbEvtMsgMngt_", name = "_msgCmdReq_setLineCallState: ";
+    EXPECT_EQ((std::vector<std::string>{cb + "serializeBody" + name + "Allocating Memory N Ctx[]\n",
+                                        cb + "unserializeBody" + name + "Allocating Memory Ctx[]\n",
+                                        cb + "logBody" + name + "Allocating Memory N Ctx[]\n",
+                                        "corVane_sendReq_setLineCallState: Allocating Memory Ctx[]\n"}),
+              cvtest::logTextsWithoutLine());
+    // Bodies refused on receipt (foreign magic, envelope word, payload) are
+    // released before the call returns.
+    std::vector<std::vector<uint8_t>> refused(3, wire);
+    refused[0][11] ^= 1;
+    refused[1][23] = 2;
+    refused[2][27] = 9;
+    const std::vector<Event> events = recorded([&] {
+        EXPECT_EQ(2u, corVane_unserializeBody_bounded(b.info, 0, refused[0].data(), 60, &back, &size));
+        EXPECT_EQ(2u, b.unserializeBody(0, refused[1].data(), &back, &size));
+        EXPECT_EQ(4u, b.unserializeBody(0, refused[2].data(), &back, &size));
+    });
+    std::map<void*, int> live;
+    size_t library = 0;
+    for (const Event& e : events)
+        if (e.freed || whoCalled(e.caller) == "library") live[e.block] += e.freed ? -1 : (++library, 1);
+    EXPECT_EQ(3u, library);
+    for (const auto& [block, n] : live) EXPECT_GE(0, n) << "a block kept";
+    b.freeBody(0, body);
     cvtest::resetBase();
 }
 

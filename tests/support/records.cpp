@@ -29,65 +29,35 @@ void fillText(char* dst, uint32_t length, uint32_t salt) {
     dst[length] = '\0';
 }
 
+// Fills every field: words distinct and non-zero (from `next`) or random,
+// texts at capacity - 1 characters or of random length, counts as asked or
+// random up to capacity + 2. Every entry of every array is filled, beyond
+// the count too, so that "untouched" can be checked against it.
 struct Filler {
     uint32_t next;
     Counts counts;
+    std::mt19937* rng;  // random content when set
 
     void fill(const CorVaneSchema& s, uint8_t* rec) {
         for (uint32_t i = 0; i < s.fieldCount; ++i) {
             const CorVaneField& f = s.fields[i];
             uint8_t* m = rec + f.offset;
-            switch (f.kind) {
-                case CORVANE_FIELD_U32:
-                    writeWord(m, ++next * 2654435761u | 1u);
-                    break;
-                case CORVANE_FIELD_TEXT:
-                    fillText(reinterpret_cast<char*>(m), f.capacity - 1u, ++next);
-                    break;
-                case CORVANE_FIELD_RECORD:
-                    fill(*f.record, m);
-                    break;
-                default: {
-                    if (f.kind == CORVANE_FIELD_ARRAY) {
-                        const uint32_t count = counts == Counts::kZero       ? 0u
-                                               : counts == Counts::kCapacity ? f.capacity
-                                                                             : f.capacity + 3u;
-                        writeWord(rec + s.fields[i - 1].offset, count);
-                    }
-                    for (uint32_t j = 0; j < f.capacity; ++j) fill(*f.record, m + j * f.record->size);
-                    break;
-                }
+            if (f.kind == CORVANE_FIELD_U32) {
+                writeWord(m, rng ? static_cast<uint32_t>((*rng)()) : ++next * 2654435761u | 1u);
+            } else if (f.kind == CORVANE_FIELD_TEXT) {
+                const uint32_t n = rng ? static_cast<uint32_t>((*rng)() % f.capacity) : f.capacity - 1u;
+                fillText(reinterpret_cast<char*>(m), n, rng ? static_cast<uint32_t>((*rng)()) : ++next);
+            } else if (f.kind == CORVANE_FIELD_RECORD) {
+                fill(*f.record, m);
+            } else {
+                const uint32_t above = counts == Counts::kZero ? 0u : counts == Counts::kCapacity ? f.capacity : f.capacity + 3u;
+                if (f.kind == CORVANE_FIELD_ARRAY)
+                    writeWord(rec + s.fields[i - 1].offset, rng ? static_cast<uint32_t>((*rng)() % (f.capacity + 3u)) : above);
+                for (uint32_t j = 0; j < f.capacity; ++j) fill(*f.record, m + j * f.record->size);
             }
         }
     }
 };
-
-void randomFill(const CorVaneSchema& s, uint8_t* rec, std::mt19937& rng) {
-    for (uint32_t i = 0; i < s.fieldCount; ++i) {
-        const CorVaneField& f = s.fields[i];
-        uint8_t* m = rec + f.offset;
-        switch (f.kind) {
-            case CORVANE_FIELD_U32:
-                writeWord(m, static_cast<uint32_t>(rng()));
-                break;
-            case CORVANE_FIELD_TEXT: {
-                const uint32_t n = static_cast<uint32_t>(rng() % f.capacity);
-                fillText(reinterpret_cast<char*>(m), n, static_cast<uint32_t>(rng()));
-                break;
-            }
-            case CORVANE_FIELD_RECORD:
-                randomFill(*f.record, m, rng);
-                break;
-            default:
-                if (f.kind == CORVANE_FIELD_ARRAY)
-                    writeWord(rec + s.fields[i - 1].offset,
-                              static_cast<uint32_t>(rng() % (f.capacity + 3u)));
-                for (uint32_t j = 0; j < f.capacity; ++j)
-                    randomFill(*f.record, m + j * f.record->size, rng);
-                break;
-        }
-    }
-}
 
 struct Walker {
     const uint8_t* root;
@@ -185,12 +155,11 @@ Record::Record(const Record& other) : Record(other.schema_) {
 }
 
 void fillFull(const CorVaneSchema& s, void* rec, uint32_t seed, Counts counts) {
-    Filler f{seed * 100000u, counts};
-    f.fill(s, static_cast<uint8_t*>(rec));
+    Filler{seed * 100000u, counts, nullptr}.fill(s, static_cast<uint8_t*>(rec));
 }
 
 void fillRandom(const CorVaneSchema& s, void* rec, std::mt19937& rng) {
-    randomFill(s, static_cast<uint8_t*>(rec), rng);
+    Filler{0, Counts::kZero, &rng}.fill(s, static_cast<uint8_t*>(rec));
 }
 
 std::vector<Element> elements(const CorVaneSchema& s, const void* rec) {

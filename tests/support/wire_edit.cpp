@@ -2,8 +2,25 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+
+#ifdef CVTEST_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
 
 namespace cvtest {
+
+Bytes words(std::initializer_list<uint32_t> ws) {
+    Bytes out(4 * ws.size());
+    size_t at = 0;
+    for (uint32_t w : ws) putBe32(&out[at += 4] - 4, w);
+    return out;
+}
+
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
 
 Bytes encode(const CorVaneSchema& s, const void* rec) {
     Bytes out(corVane_record_serialize_lg(&s, rec));
@@ -13,39 +30,33 @@ Bytes encode(const CorVaneSchema& s, const void* rec) {
 }
 
 Bytes replaceElement(const Bytes& wire, const Element& e, const Bytes& replacement) {
-    Bytes out(wire.begin(), wire.begin() + static_cast<std::ptrdiff_t>(e.wireOffset));
-    out.insert(out.end(), replacement.begin(), replacement.end());
-    out.insert(out.end(), wire.begin() + static_cast<std::ptrdiff_t>(e.wireOffset + e.wireSize),
-               wire.end());
-    return out;
+    const auto at = wire.begin() + static_cast<std::ptrdiff_t>(e.wireOffset);
+    return Bytes(wire.begin(), at) + replacement +
+           Bytes(at + static_cast<std::ptrdiff_t>(e.wireSize), wire.end());
 }
 
 Bytes stringElement(uint32_t tag, const std::string& text) {
-    const uint32_t padded = static_cast<uint32_t>((text.size() + 1) / 4 * 4 + 4);
-    Bytes out(8 + padded, 0);
-    putBe32(out.data(), tag);
-    putBe32(out.data() + 4, padded);
-    std::memcpy(out.data() + 8, text.data(), text.size());
+    Bytes out = words({tag, static_cast<uint32_t>((text.size() + 1) / 4 * 4 + 4)});
+    out.insert(out.end(), text.begin(), text.end());
+    out.resize(8 + be32(&out[4]), 0);
     return out;
 }
 
-ExactBuffer::ExactBuffer(const Bytes& bytes)
-    : data_(static_cast<uint8_t*>(std::malloc(bytes.empty() ? 1 : bytes.size()))),
-      size_(bytes.size()) {
+ExactBuffer::ExactBuffer(const Bytes& bytes, size_t shift)
+    : block_(static_cast<uint8_t*>(std::malloc(shift + bytes.size() + (shift + bytes.size() == 0)))),
+      data_(block_ + shift), size_(bytes.size()) {
     if (!bytes.empty()) std::memcpy(data_, bytes.data(), bytes.size());
 }
 
 ExactBuffer::~ExactBuffer() {
     limit(size_);
-    std::free(data_);
+    std::free(block_);
 }
 
-void ExactBuffer::limit(size_t visible) {
+void ExactBuffer::limit([[maybe_unused]] size_t visible) {
 #ifdef CVTEST_ASAN
     ASAN_UNPOISON_MEMORY_REGION(data_, size_);
     if (visible < size_) ASAN_POISON_MEMORY_REGION(data_ + visible, size_ - visible);
-#else
-    (void)visible;
 #endif
 }
 

@@ -1,25 +1,21 @@
-// Building and editing encodings for tests.
+// Building, editing and holding encodings for tests.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "corvane/schema.h"
 #include "support/records.h"
 
-#if defined(__has_feature)
+#if defined(__SANITIZE_ADDRESS__)
+#define CVTEST_ASAN 1
+#elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #define CVTEST_ASAN 1
 #endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define CVTEST_ASAN 1
-#endif
-#ifdef CVTEST_ASAN
-#include <sanitizer/asan_interface.h>
 #endif
 
 namespace cvtest {
@@ -31,37 +27,39 @@ inline uint32_t be32(const uint8_t* p) {
 }
 
 inline void putBe32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (24 - 8 * i));
 }
 
-// Serialises with the generic operation into a buffer of exactly the
-// announced length.
+// Big-endian words, as the wire holds them.
+Bytes words(std::initializer_list<uint32_t> ws);
+Bytes operator+(Bytes a, const Bytes& b);
+
+// Serialises with the generic operation into a buffer of exactly the announced length.
 Bytes encode(const CorVaneSchema& s, const void* rec);
 
 // The encoding with the element at `e` replaced by `replacement`.
 Bytes replaceElement(const Bytes& wire, const Element& e, const Bytes& replacement);
 
-// A string element holding `text` with the given tag and the padded length.
+// A string element holding `text` with the given tag and its padded length.
 Bytes stringElement(uint32_t tag, const std::string& text);
 
-// A heap block holding exactly `bytes`, so that a sanitizer reports any read
-// past its end. With AddressSanitizer, the bytes from `visible` on can be
-// poisoned too, so a truncation needs no new allocation.
+// `bytes` in a heap block that starts `shift` bytes past malloc's aligned
+// address and ends exactly where they end, so that AddressSanitizer reports
+// any read past them. With it, limit() also makes the bytes from `visible`
+// on unreadable.
 class ExactBuffer {
 public:
-    explicit ExactBuffer(const Bytes& bytes);
+    explicit ExactBuffer(const Bytes& bytes, size_t shift = 0);
     ~ExactBuffer();
     ExactBuffer(const ExactBuffer&) = delete;
     ExactBuffer& operator=(const ExactBuffer&) = delete;
-    const uint8_t* data() const { return data_; }
+    uint8_t* data() const { return data_; }
+    uint8_t* end() const { return data_ + size_; }
     size_t size() const { return size_; }
-    // Makes only the first `visible` bytes readable (a no-op without ASan).
     void limit(size_t visible);
 
 private:
+    uint8_t* block_;
     uint8_t* data_;
     size_t size_;
 };
