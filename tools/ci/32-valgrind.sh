@@ -13,7 +13,6 @@ memcheck=(valgrind -q --error-exitcode=1 --leak-check=full --show-leak-kinds=def
           --errors-for-leak-kinds=definite,indirect --child-silent-after-fork=yes)
 export CORVANE_TRUNCATION_STRIDE=7 CORVANE_LOAD_MESSAGES=20000
 "${memcheck[@]}" build/default/tests/corvane_tests --gtest_brief=1
-"${memcheck[@]}" build/default/tests/platform_tests --gtest_brief=1
 if [ -x build/default/examples/corvane-exchange ]; then
   "${memcheck[@]}" build/default/examples/corvane-exchange >/dev/null
 fi
