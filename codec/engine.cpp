@@ -91,8 +91,14 @@ inline uint64_t nulBits(uint64_t w) {
 
 inline bool hasNul32(uint32_t w) { return ((w - 0x01010101u) & ~w & 0x80808080u) != 0; }
 
-// Index of the byte flagged first in a little-endian word's nulBits.
-inline size_t firstFlagged(uint64_t bits) { return static_cast<size_t>(std::countr_zero(bits)) / 8; }
+// Index of the byte flagged first in a little-endian word's nulBits, which
+// must not be zero. Counted on 32-bit halves: on 32-bit ARM and MIPS a count
+// over 64 bits is a call into libgcc, which the library does not import.
+inline size_t firstFlagged(uint64_t bits) {
+    const auto low = static_cast<uint32_t>(bits);
+    if (low != 0) return static_cast<size_t>(std::countr_zero(low)) / 8;
+    return 4 + static_cast<size_t>(std::countr_zero(static_cast<uint32_t>(bits >> 32))) / 8;
+}
 
 // Index of the first NUL in s[0, lim) with lim < 8, or lim.
 inline size_t nulIndexBelow8(const uint8_t* s, size_t lim) {
