@@ -35,23 +35,10 @@ std::vector<std::string> at(std::vector<std::string> lines, const uint8_t* base)
 }
 
 constexpr uint32_t kLineCallMagic = 0x20132509u;  // SetLineCallState
-constexpr uint32_t kFqdnMagic = 0x20161401u;      // SetProfileFQDNServers
 constexpr uint32_t kMakeCallMagic = 0x20140808u;  // OnMakeCall
 const std::string kLineCall = "corVane_lineCallState_unserialize: ";
 const std::string kLineCallBody =
     "corVane_cbEvtMsgMngt_unserializeBody_msgCmdReq_setLineCallState: ";
-
-const std::string kMakeCall = "corVane_cbEvtMsgMngt_unserializeBody_msgNtfyReq_onMakeCall: ";
-const std::string kBattery = "corVane_BatteryCfg_unserialize: pBody({+24}): ";
-const std::vector<std::string> kMakeCallTagLines = {
-    kMakeCall + "pBody({+24}): Tl(9-4) expectded(3)\n", kMakeCall + "pBody({+24}): Type(4) -> Error Before\n",
-    kMakeCall + "pBody({+24}): Type(5) -> Error Before\n", kMakeCall + "pBody({+24}): Type(6) -> Error Before\n",
-    kMakeCall + "pBody({+24}): Type(7) -> Error Before\n"};
-const std::vector<std::string> kBatteryTagLines = {kBattery + "Tl(9-4) expectded(3)\n", kBattery + "Type(4) -> Error Before\n",
-                                                   kBattery + "Type(5) -> Error Before\n", kBattery + "Type(6) -> Error Before\n"};
-const std::vector<std::string> kMakeCallTextLines = {kMakeCall + "lgChainIn(33) lgMaxChainOut(32)\n",
-                                                     kMakeCall + "pBody({+24}): Type(6) -> Error Before\n",
-                                                     kMakeCall + "pBody({+24}): Type(7) -> Error Before\n"};
 
 struct Answer {
     uint32_t status;
@@ -90,9 +77,6 @@ const HostileCase kCases[] = {
      // 8 + length is 2^32: the cursor does not move, the next field finds tag 3.
      Answer{4, 0, {kLineCall + "pBody({+0}): Tl(3-4294967288) expectded(4)\n",
                    kLineCall + "pBody({+0}): Type(5) -> Error Before\n"}}},
-    {"TextLengthAllOnes", "outBoundProxy",
-     [] { return words({3, 0xFFFFFFFFu}) + chars(std::string("abc\0", 4)); },
-     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) runs past the end of the buffer: 4294967303 bytes needed, 12 left\n"}}, {}},
     // ---- texts ---------------------------------------------------------------
     {"TextWithoutNulBeforeTheEnd", "outBoundProxy",
      [] { return words({3, 8}) + chars("abcdefgh"); },
@@ -128,23 +112,10 @@ const HostileCase kCases[] = {
     {"BodyTextWithoutNul", "OnMakeCall",
      [] { return words({0, 4, kMakeCallMagic, 1, 4, 0, 3, 4, 1, 4, 4, 2, 5, 32}) + chars(std::string(32, 'x')); },
      {4, 0, {"corVane_cbEvtMsgMngt_unserializeBody_msgNtfyReq_onMakeCall: pBody({+24}): Type(5) text has no NUL before the end of the buffer(32 bytes)\n"}}, {}},
-    {"BodyCountAllOnes", "SetProfileFQDNServers",
-     [] { return words({0, 4, kFqdnMagic, 1, 4, 0, 3, 4, 1, 4, 4, 0xFFFFFFFFu}); },
-     {4, 0, {"corVane_FQDNServers_unserialize: pBody({+48}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
-    // ---- tags and texts of a body (both readers alike) --------------------------
+    // ---- tags of a body (both readers alike) ------------------------------------
     {"MagicTagWrong", "SetLineCallState", [] { return words({1, 4, kLineCallMagic, 1, 4, 0, 3, 4, 1}); },
      {2, 0, {kLineCallBody + "pBody({+0}): Tl(1-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}},
      Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(1-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}}},
-    {"EnvelopeWordTagWrong", "SetLineCallState", [] { return words({0, 4, kLineCallMagic, 7, 4, 0, 3, 4, 1}); },
-     {2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}}, Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(7-4) expectded(1)\n"}}},
-    // A scalar payload logs under the callback that reads it, a record under its own operation.
-    {"ScalarPayloadTagWrong", "OnMakeCall", [] { return words({0, 4, kMakeCallMagic, 1, 4, 0, 9, 4, 1}); },
-     {4, 0, kMakeCallTagLines}, Answer{4, 0, kMakeCallTagLines}},
-    {"RecordPayloadTagWrong", "OnBatteryCfg", [] { return words({0, 4, 0x20162103u, 1, 4, 0, 9, 4, 1}); },
-     {4, 0, kBatteryTagLines}, Answer{4, 0, kBatteryTagLines}},
-    {"BodyTextTooLong", "OnMakeCall",
-     [] { return words({0, 4, kMakeCallMagic, 1, 4, 0, 3, 4, 1, 4, 4, 2}) + stringElement(5, std::string(32, 'c')); },
-     {4, 0, kMakeCallTextLines}, Answer{4, 0, kMakeCallTextLines}},
     // ---- magics -------------------------------------------------------------------
     // Another message's magic (SetRegistrationStatus shares none with this
     // one), and none at all: refused by the bounded reader, where the classic

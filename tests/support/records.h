@@ -40,8 +40,8 @@ enum class Counts { kZero, kCapacity, kAbove };
 // checked against it.
 void fillFull(const CorVaneSchema& s, void* rec, uint32_t seed, Counts counts);
 
-// Random words, texts of random length (0 to capacity - 1), counts from 0 to
-// capacity + 2.
+// Random words, texts of random length (0 to capacity - 1) with non-zero
+// bytes after the NUL, counts from 0 to capacity + 2.
 void fillRandom(const CorVaneSchema& s, void* rec, std::mt19937& rng);
 
 // One enclosing record of an element: the schema, where the record's first
