@@ -1,10 +1,9 @@
-// The 49 messages: lookups, envelope, body callbacks, and the trip through
-// the stand-in bus.
+// The 49 messages: lookups, envelope, body callbacks, and what they hand the
+// stand-in bus.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 
 #include "support/base_reset.h"
@@ -236,59 +235,6 @@ TEST_F(Messages, RegistrationFailuresAreLoggedAndReturned) {
     EXPECT_EQ(std::string(40, 'b'), cut.substr(471));
 }
 
-
-// Every message in turn with empty, full and over-counted payloads, then a
-// long run of the 49 in random order with random payloads, from a sender
-// through the stand-in bus into a handler: each payload arrives as the
-// sender's body held it, every body and buffer is released, nothing is
-// logged. CORVANE_LOAD_MESSAGES sets the length of the random run (20000;
-// emulated and valgrind runs take fewer).
-TEST_F(Messages, EveryMessageTravelsTheBusIntact) {
-    twoUsers();
-    const auto& all = bindings();
-    std::vector<Inbox> inboxes;
-    std::vector<std::vector<Record>> payloads;
-    std::mt19937 rng(2024);
-    inboxes.reserve(all.size());
-    for (const Binding& b : all) {
-        const CorVaneSchema& s = *b.info->payload;
-        inboxes.push_back({Record(&s)});
-        ASSERT_EQ(0u, b.listen(isCommand(b) ? mgmt : voice, kDeliver, &inboxes.back(), nullptr, "bus",
-                               isCommand(b) ? "mgmt" : "voice"));
-        // Each payload as a sender's zeroed body holds it after the copy.
-        std::vector<Record> v;
-        for (int i = 0; i < 6; ++i) {
-            Record filled = i < 3 ? fullPayload(b, static_cast<Counts>(i)) : Record(&s);
-            if (i >= 3) fillRandom(s, filled.data(), rng);
-            v.emplace_back(&s);
-            ASSERT_EQ(0u, corVane_record_copy(&s, v.back().data(), filled.data()));
-        }
-        payloads.push_back(std::move(v));
-    }
-    const char* env = std::getenv("CORVANE_LOAD_MESSAGES");
-    const size_t random = env && std::atol(env) > 0 ? static_cast<size_t>(std::atol(env)) : 20000;
-    const size_t ordered = all.size() * 3;
-    std::uniform_int_distribution<size_t> pick(0, all.size() * 6 - 1);
-    for (size_t i = 0; i < ordered + random; ++i) {
-        const size_t n = i < ordered ? i : pick(rng);
-        const Binding& b = all[n / 6 % all.size()];
-        const Record& payload = payloads[n / 6 % all.size()][i < ordered ? i % 3 : n % 6];
-        Inbox& in = inboxes[n / 6 % all.size()];
-        const int calls = in.calls;
-        ASSERT_EQ(0u, b.send(isCommand(b) ? voice : mgmt, nullptr, "mgmt", payload.data())) << b.info->name;
-        ASSERT_EQ(calls + 1, in.calls) << b.info->name;
-        ASSERT_EQ(0, std::memcmp(payload.data(), in.got.data(), payload.size()))
-            << b.info->name << " #" << i << ": " << diff(*payload.schema(), payload.data(), in.got.data());
-    }
-    QuibStubStats st;
-    quibStub_stats(&st);
-    EXPECT_EQ(ordered + random, st.deliveries);
-    EXPECT_EQ(2 * st.deliveries, st.bodiesTaken);
-    EXPECT_EQ(st.bodiesTaken, st.bodiesReleased);
-    EXPECT_EQ(st.buffersTaken, st.buffersFreed);
-    EXPECT_EQ(0u, st.failures);
-    EXPECT_TRUE(logLines().empty());
-}
 
 // A command without a user name is not sent; one without a handler is
 // answered with 20; the scalar sends cut texts to their fields (40
