@@ -1,8 +1,8 @@
-// Allocations made by the library, counted by replacing malloc, calloc,
-// realloc and free for the whole process (the binary exports them, so the
-// libraries call these). Each call is kept with its caller, which tells the
-// library's calls from the stand-in bus's, and each free with the block's
-// first word, which shows what freeBody left in a body's magic.
+// Allocations made by the library, counted by replacing malloc, calloc and
+// free for the whole process (the binary exports them, so the libraries call
+// these). Each call is kept with its caller, which tells the library's calls
+// from the stand-in bus's, and each free with the block's first word, which
+// shows what freeBody left in a body's magic.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -24,7 +24,6 @@
 extern "C" {
 void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
 void __libc_free(void*);
 }
 
@@ -63,10 +62,6 @@ void* malloc(size_t n) {
 void* calloc(size_t n, size_t size) {
     return refused(n * size) ? nullptr
                              : record(false, __libc_calloc(n, size), n * size, __builtin_return_address(0));
-}
-// Counted as an allocation only, so a block handed to it shows as never freed.
-void* realloc(void* old, size_t n) {
-    return record(false, __libc_realloc(old, n), n, __builtin_return_address(0));
 }
 void free(void* p) {
     if (p != nullptr && gRecording.load(std::memory_order_relaxed)) {

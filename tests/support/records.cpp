@@ -51,9 +51,9 @@ struct Filler {
             } else if (f.kind == CORVANE_FIELD_RECORD) {
                 fill(*f.record, m);
             } else {
-                const uint32_t above = counts == Counts::kZero ? 0u : counts == Counts::kCapacity ? f.capacity : f.capacity + 3u;
+                const uint32_t count = counts == Counts::kZero ? 0u : counts == Counts::kCapacity ? f.capacity : 0xFFFFFFFFu;
                 if (f.kind == CORVANE_FIELD_ARRAY)
-                    writeWord(rec + s.fields[i - 1].offset, rng ? static_cast<uint32_t>((*rng)() % (f.capacity + 3u)) : above);
+                    writeWord(rec + s.fields[i - 1].offset, rng ? static_cast<uint32_t>((*rng)() % (f.capacity + 3u)) : count);
                 for (uint32_t j = 0; j < f.capacity; ++j) fill(*f.record, m + j * f.record->size);
             }
         }

@@ -31,8 +31,9 @@ private:
     std::unique_ptr<uint8_t[]> bytes_;
 };
 
-// How the count of each counted array is set by fillFull.
-enum class Counts { kZero, kCapacity, kAbove };
+// How the count of each counted array is set by fillFull: 0, the capacity,
+// or 0xFFFFFFFF (kept as received; only the capacity's entries count).
+enum class Counts { kZero, kCapacity, kAllOnes };
 
 // Every word distinct and non-zero (derived from seed), every text at
 // capacity - 1 characters of distinct content, counts as asked. Every entry
