@@ -13,8 +13,6 @@ namespace {
 
 const std::string kBase = ptr(&corVane_base);
 
-uintptr_t w(const void* p) { return reinterpret_cast<uintptr_t>(p); }
-
 // The two interface descriptors and what they must hold.
 struct Intf {
     const CorVaneIntfDesc* head;

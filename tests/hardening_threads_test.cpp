@@ -61,7 +61,6 @@ TEST(HardeningThreads, RecordAndBodyOperationsRunConcurrently) {
         void* body = makeBody(b, payload.data());
         wires.push_back(serializedBody(b, body));
         b.freeBody(0, body);
-        ASSERT_FALSE(wires.back().empty()) << b.info->name;
     }
     clearLog();
     std::atomic<int> failures{0};

@@ -15,7 +15,6 @@ namespace cvtest {
 namespace {
 
 bool isCommand(const Binding& b) { return b.info->intf == CORVANE_INTF_CMD; }
-uintptr_t w(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 
 std::string lowerFirst(const Binding& b) {
     std::string name = b.info->name;

@@ -125,12 +125,6 @@ std::vector<Element> elements(const CorVaneSchema& s, const void* rec) {
     return std::move(w.out);
 }
 
-size_t encodedLength(const CorVaneSchema& s, const void* rec) {
-    size_t total = 0;
-    for (const Element& e : elements(s, rec)) total += e.wireSize;
-    return total;
-}
-
 std::string diff(const CorVaneSchema& s, const void* a, const void* b) {
     for (const Element& e : elements(s, a)) {
         const char* x = static_cast<const char*>(a) + e.recordOffset;

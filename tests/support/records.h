@@ -69,9 +69,6 @@ struct Element {
 // entries follow the counts held in `rec`.
 std::vector<Element> elements(const CorVaneSchema& s, const void* rec);
 
-// Total length of those elements.
-size_t encodedLength(const CorVaneSchema& s, const void* rec);
-
 // The first difference between the meaningful contents of a and b (texts as
 // strings, only the first min(count, capacity) entries of counted arrays);
 // empty when they are equal.
