@@ -225,8 +225,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::filesystem::path root(argv[1]);
-    std::filesystem::create_directories(root / "record");
-    std::filesystem::create_directories(root / "message");
+    for (const char* dir : {"record", "message"}) std::filesystem::create_directories(root / dir);
     const char* fills[] = {"empty", "random", "full"};
     for (int how = 0; how < 3; ++how) {
         for (uint32_t i = 0; i < corVane_recordCount(); ++i) {

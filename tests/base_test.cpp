@@ -13,26 +13,10 @@ namespace {
 
 const std::string kBase = ptr(&corVane_base);
 
-// The two interface descriptors and what they must hold.
-struct Intf {
-    const CorVaneIntfDesc* head;
-    const CorVaneMethod* methods;
-    CorVaneUnregFn unreg;
-    uint16_t count;
-};
-
-std::vector<Intf> intfs() {
-    return {{reinterpret_cast<const CorVaneIntfDesc*>(&corVane_base.cmd), corVane_base.cmd.methods,
-             corVane_cbEvtMsgMngt_unreg_msgCmd, 19},
-            {reinterpret_cast<const CorVaneIntfDesc*>(&corVane_base.ntfy), corVane_base.ntfy.methods,
-             corVane_cbEvtMsgMngt_unreg_msgNtfy, 30}};
-}
-
 class Base : public testing::Test {
 protected:
     void SetUp() override { resetBase(); }
     void TearDown() override { resetBase(); }
-    static uintptr_t arg(QuibStubCall c, int i) { return quibStub_lastCall(c)->args[i]; }
     static uint32_t calls(QuibStubCall c) { return quibStub_lastCall(c)->calls; }
 };
 
@@ -42,8 +26,16 @@ TEST_F(Base, AddBaseFillsBothTablesAndRegistersTheEventCallback) {
     EXPECT_EQ(3u, corVane_base.flags);
     EXPECT_NE(0xffffu, corVane_getCmdIntfNum());
     EXPECT_NE(corVane_getCmdIntfNum(), corVane_getNtfyIntfNum());
-    EXPECT_EQ(corVane_getNtfyIntfNum(), corVane_base.ntfy.num);
-    for (const Intf& in : intfs()) {
+    const struct {
+        const CorVaneIntfDesc* head;
+        const CorVaneMethod* methods;
+        CorVaneUnregFn unreg;
+        uint16_t count;
+    } intfs[] = {{reinterpret_cast<const CorVaneIntfDesc*>(&corVane_base.cmd),
+                  corVane_base.cmd.methods, corVane_cbEvtMsgMngt_unreg_msgCmd, 19},
+                 {reinterpret_cast<const CorVaneIntfDesc*>(&corVane_base.ntfy),
+                  corVane_base.ntfy.methods, corVane_cbEvtMsgMngt_unreg_msgNtfy, 30}};
+    for (const auto& in : intfs) {
         uint16_t rows = 0;
         QuibMsgMngtTable* t = quibStub_table(in.head->num, &rows);
         ASSERT_NE(nullptr, t);
@@ -58,8 +50,8 @@ TEST_F(Base, AddBaseFillsBothTablesAndRegistersTheEventCallback) {
     EXPECT_EQ((std::vector<uintptr_t>{reinterpret_cast<uintptr_t>(&corVane_cbEvtBase), w(&corVane_base)}),
               lastArgs(QUIB_STUB_ADD_EVT));
     // The last table asked for is the notification interface's, by name and size.
-    EXPECT_EQ(w(corVane_base.ntfy.name), arg(QUIB_STUB_GET_BASE, 0));
-    EXPECT_EQ(30u, arg(QUIB_STUB_GET_BASE, 2));
+    EXPECT_EQ(w(corVane_base.ntfy.name), quibStub_lastCall(QUIB_STUB_GET_BASE)->args[0]);
+    EXPECT_EQ(30u, quibStub_lastCall(QUIB_STUB_GET_BASE)->args[2]);
     EXPECT_EQ(2u, calls(QUIB_STUB_GET_BASE));
     EXPECT_TRUE(logLines().empty());
 }

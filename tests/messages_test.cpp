@@ -49,11 +49,12 @@ TEST_F(Messages, LookupsAndMethodEntries) {
         SCOPED_TRACE(b.info->name);
         EXPECT_EQ(b.info, corVane_messageByName(b.info->name));
         EXPECT_EQ(8u + b.info->payload->size, b.info->bodySize);
-        const CorVaneMethod& m = (isCommand(b) ? corVane_base.cmd.methods : corVane_base.ntfy.methods)[b.info->index];
+        const CorVaneMethod& m =
+            (isCommand(b) ? corVane_base.cmd.methods : corVane_base.ntfy.methods)[b.info->index];
         EXPECT_STREQ(b.info->name, m.name);
-        EXPECT_TRUE(m.index == b.info->index && !m.recvRes && b.recv == m.recv && b.freeBody == m.freeBody &&
-                    b.logBody == m.logBody && b.serializeBody == m.serializeBody &&
-                    b.unserializeBody == m.unserializeBody);
+        EXPECT_TRUE(m.index == b.info->index && !m.recvRes && b.recv == m.recv &&
+                    b.freeBody == m.freeBody && b.logBody == m.logBody &&
+                    b.serializeBody == m.serializeBody && b.unserializeBody == m.unserializeBody);
     }
     EXPECT_EQ(nullptr, corVane_messageInfo(0, 19));
     EXPECT_EQ(nullptr, corVane_messageInfo(1, 30));
@@ -232,8 +233,8 @@ TEST_F(Messages, SendEdges) {
         return 0;
     };
     CorVaneMakeCall got{};
-    ASSERT_EQ(0u, corVane_modCliNtfyUser_recvMsg_onMakeCall(voice, reinterpret_cast<void*>(keep), &got, nullptr,
-                                                              "bus", "voice"));
+    ASSERT_EQ(0u, corVane_modCliNtfyUser_recvMsg_onMakeCall(voice, reinterpret_cast<void*>(keep),
+                                                            &got, nullptr, "bus", "voice"));
     corVane_sendReq_ntfyOnMakeCall(mgmt, nullptr, nullptr, 7, 8, std::string(40, 'k').c_str(), nullptr, "x");
     const CorVaneMakeCall want{7, 8, "kkkkkkkkkkkkkkkkkkkkkkkkkkkkkkk", "", "x"};
     EXPECT_EQ("", diff(*bindings()[19 + 27].info->payload, &want, &got));

@@ -51,9 +51,12 @@ struct Filler {
             } else if (f.kind == CORVANE_FIELD_RECORD) {
                 fill(*f.record, m);
             } else {
-                const uint32_t count = counts == Counts::kZero ? 0u : counts == Counts::kCapacity ? f.capacity : 0xFFFFFFFFu;
+                const uint32_t count = counts == Counts::kZero       ? 0u
+                                       : counts == Counts::kCapacity ? f.capacity
+                                                                     : 0xFFFFFFFFu;
                 if (f.kind == CORVANE_FIELD_ARRAY)
-                    writeWord(rec + s.fields[i - 1].offset, rng ? static_cast<uint32_t>((*rng)() % (f.capacity + 3u)) : count);
+                    writeWord(rec + s.fields[i - 1].offset,
+                              rng ? static_cast<uint32_t>((*rng)() % (f.capacity + 3u)) : count);
                 for (uint32_t j = 0; j < f.capacity; ++j) fill(*f.record, m + j * f.record->size);
             }
         }
@@ -129,14 +132,10 @@ std::string diff(const CorVaneSchema& s, const void* a, const void* b) {
     for (const Element& e : elements(s, a)) {
         const char* x = static_cast<const char*>(a) + e.recordOffset;
         const char* y = static_cast<const char*>(b) + e.recordOffset;
-        if (e.field->kind == CORVANE_FIELD_U32) {
-            if (readWord(x) != readWord(y))
-                return e.path + ": " + std::to_string(readWord(x)) + " != " + std::to_string(readWord(y));
-            continue;
-        }
-        const size_t n = strnlen(x, e.field->capacity), m = strnlen(y, e.field->capacity);
-        if (n != m || std::memcmp(x, y, n) != 0)
-            return e.path + ": \"" + std::string(x, n) + "\" != \"" + std::string(y, m) + "\"";
+        const bool text = e.field->kind == CORVANE_FIELD_TEXT;
+        const size_t n = text ? strnlen(x, e.field->capacity) : 4;
+        if ((text && strnlen(y, e.field->capacity) != n) || std::memcmp(x, y, n) != 0)
+            return e.path + " differs";
     }
     return {};
 }

@@ -20,7 +20,6 @@ class Record {
 public:
     explicit Record(const CorVaneSchema* schema);
     Record(const Record& other);
-    Record& operator=(const Record&) = delete;
     uint8_t* data() { return bytes_.get(); }
     const uint8_t* data() const { return bytes_.get(); }
     const CorVaneSchema* schema() const { return schema_; }
@@ -69,9 +68,9 @@ struct Element {
 // entries follow the counts held in `rec`.
 std::vector<Element> elements(const CorVaneSchema& s, const void* rec);
 
-// The first difference between the meaningful contents of a and b (texts as
-// strings, only the first min(count, capacity) entries of counted arrays);
-// empty when they are equal.
+// The path of the first difference between the meaningful contents of a and
+// b (texts as strings, only the first min(count, capacity) entries of counted
+// arrays); empty when they are equal.
 std::string diff(const CorVaneSchema& s, const void* a, const void* b);
 
 // Every record type, from the library's registry.
