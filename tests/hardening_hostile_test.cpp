@@ -76,6 +76,9 @@ const HostileCase kCases[] = {
      // 8 + length is 2^32: the cursor does not move, the next field finds tag 3.
      Answer{4, 0, {kLineCall + "pBody({+0}): Tl(3-4294967288) expectded(4)\n",
                    kLineCall + "pBody({+0}): Type(5) -> Error Before\n"}}},
+    {"TextLengthAllOnes", "outBoundProxy",
+     [] { return words({3, 0xFFFFFFFFu}) + chars(std::string("abc\0", 4)); },
+     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) runs past the end of the buffer: 4294967303 bytes needed, 12 left\n"}}, {}},
     // ---- texts ---------------------------------------------------------------
     {"TextWithoutNulBeforeTheEnd", "outBoundProxy",
      [] { return words({3, 8}) + chars("abcdefgh"); },
@@ -199,8 +202,9 @@ INSTANTIATE_TEST_SUITE_P(Inputs, HardeningHostile, testing::ValuesIn(kCases),
                          });
 
 // The envelope is read from where the buffer starts to where it ends: twelve
-// bytes before it that look like the tag-1 element change nothing, and a
-// bounded read stops at its end though a whole body follows.
+// bytes before it that look like the tag-1 element change nothing, a bounded
+// read stops at its end though a whole body follows, and a null buffer is
+// refused before anything is read.
 TEST(HardeningHostileEdges, BytesOutsideTheBufferAreNotRead) {
     const Bytes bytes = words({1, 4, 0, 0, 4, kLineCallMagic, 7, 4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3});
     for (bool bounded : {true, false})
@@ -209,10 +213,6 @@ TEST(HardeningHostileEdges, BytesOutsideTheBufferAreNotRead) {
     const Bytes whole = bodyWithWord("SetLineCallState", 0);
     expectAnswer("SetLineCallState", whole.data(), 20, true,
                  {4, 0, {kLineCallBody + "pBody({+0}): Type(1) runs past the end of the buffer: 12 bytes needed, 8 left\n"}});
-}
-
-// A null buffer of a body is refused before anything is read.
-TEST(HardeningHostileEdges, NullBufferIsRefused) {
     for (bool bounded : {true, false})
         expectAnswer("SetLineCallState", nullptr, 0, bounded,
                      {4, 0, {kLineCallBody + "Ctx[NULL] text[buffer]\n"}});
