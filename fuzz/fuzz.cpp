@@ -1,25 +1,18 @@
-// The libFuzzer targets and their seed generator, built from this one file:
+// The libFuzzer targets and their seed generator, built from this one file.
+// corvane_fuzz_record (CVFUZZ_RECORD) decodes the input with the bounded
+// reader of the record type its first byte picks; corvane_fuzz_message
+// (CVFUZZ_MESSAGE) hands it to corVane_unserializeBody_bounded as a body of
+// the message its first byte picks. Either fails on a status other than 0 or
+// 4 (a body: 0, 2 or 4), a cursor outside the input, a refusal without a log
+// line, an acceptance with one, an overrun with more than one; on the classic
+// reader disagreeing on the same bytes followed by zeros (but for a body's
+// foreign magic, which only the bounded reader refuses); and on an accepted
+// input whose encoding does not have its announced length or does not decode
+// back to a record (a body) that encodes to the same bytes.
 //
-// corvane_fuzz_record (CVFUZZ_RECORD): a record type picked by the first
-// byte, decoded from the rest with the bounded reader. The status is 0 or 4,
-// the cursor stays within the input, a refusal logs (exactly one line for an
-// overrun) and an acceptance does not; when nothing ran past the end, the
-// unbounded reader given the same bytes followed by zeros returns the same
-// status, cursor, number of lines and record bytes; an accepted record
-// serialises to its announced length, decodes back to the same fields and
-// serialises again to the same bytes.
-//
-// corvane_fuzz_message (CVFUZZ_MESSAGE): one of the 49 messages picked by the
-// first byte, the rest a received body for corVane_unserializeBody_bounded.
-// The status is 0, 2 or 4 with the same rules for lines; the message's own
-// unserializeBody callback agrees on the same bytes followed by zeros (but
-// for a foreign magic, which only the bounded reader refuses); an accepted
-// body serialises with its envelope, decodes back to the same payload and
-// serialises again to the same bytes.
-//
-// corvane_fuzz_seeds DIR (CVFUZZ_SEEDS): writes DIR/record/<Record>-<fill>
-// and DIR/message/<Method>-<fill>, selector byte then encoding, for empty,
-// random and full instances, each checked to decode before it is written.
+// corvane_fuzz_seeds DIR (CVFUZZ_SEEDS) writes DIR/record/<Record>-<fill> and
+// DIR/message/<Method>-<fill>: the selector byte, then a valid encoding of an
+// empty, a random and a full instance, each checked as the targets would.
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -127,8 +120,7 @@ void checkLines(uint32_t st, const LogCount& logged, const char* name) {
     if (corVane_record_unserialize_bounded(&s, other.data(), &cursor, exact.get() + wire.size()) != 0 ||
         cursor != exact.get() + wire.size())
         fail("re-encoding not read whole", s.name);
-    if (const std::string d = cvtest::diff(s, rec.data(), other.data()); !d.empty()) fail("round trip changed", d);
-    if (serialize(s, other.data()) != wire) fail("second encoding differs", s.name);
+    if (serialize(s, other.data()) != wire) fail("round trip changed", s.name);
 }
 
 [[maybe_unused]] void fuzzMessage(const uint8_t* in, size_t length, uint8_t selector) {
@@ -166,10 +158,7 @@ void checkLines(uint32_t st, const LogCount& logged, const char* name) {
                                         &back, &size) != 0)
         fail("re-encoding refused", m.name);
     if (static_cast<CorVaneMsgBody*>(back)->ref != 0) fail("re-decoded ref", m.name);
-    if (const std::string d = cvtest::diff(*m.payload, corVane_bodyPayload(body), corVane_bodyPayload(back));
-        !d.empty())
-        fail("round trip changed", d);
-    if (serializeBody(m, back) != first) fail("second encoding differs", m.name);
+    if (serializeBody(m, back) != first) fail("round trip changed", m.name);
     method.freeBody(CORVANE_BODY_REQUEST, back);
     method.freeBody(CORVANE_BODY_REQUEST, body);
 }
@@ -236,8 +225,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::filesystem::path root(argv[1]);
-    std::filesystem::create_directories(root / "record");
-    std::filesystem::create_directories(root / "message");
+    for (const char* dir : {"record", "message"}) std::filesystem::create_directories(root / dir);
     const char* fills[] = {"empty", "random", "full"};
     for (int how = 0; how < 3; ++how) {
         for (uint32_t i = 0; i < corVane_recordCount(); ++i) {

@@ -5,8 +5,6 @@
 // in those paths fails the run.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <thread>
 
 #include "support/bindings.h"
@@ -61,23 +59,18 @@ TEST(HardeningThreads, RecordAndBodyOperationsRunConcurrently) {
         void* body = makeBody(b, payload.data());
         wires.push_back(serializedBody(b, body));
         b.freeBody(0, body);
-        ASSERT_FALSE(wires.back().empty()) << b.info->name;
     }
     clearLog();
-    std::atomic<int> failures{0};
-    std::vector<std::string> first(kThreads);
+    std::vector<std::string> first(kThreads);  // each thread's first failure
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
             // Each thread starts at another type, so that different ones are in flight together.
-            for (size_t k = 0; k < kRounds * wires.size(); ++k)
-                if (auto what = trip((k + t * wires.size() / kThreads) % wires.size(), sources, wires);
-                    !what.empty() && failures.fetch_add(1) == 0)
-                    first[t] = what;
+            for (size_t k = 0; k < kRounds * wires.size() && first[t].empty(); ++k)
+                first[t] = trip((k + t * wires.size() / kThreads) % wires.size(), sources, wires);
         });
     for (auto& th : threads) th.join();
     for (const auto& f : first) EXPECT_EQ("", f);
-    EXPECT_EQ(0, failures.load());
     // Every truncated read logged its one line, none was lost.
     EXPECT_EQ(kThreads * kRounds * sources.size(), logLines().size());
     clearLog();

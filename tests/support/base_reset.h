@@ -22,6 +22,9 @@ inline void resetBase() {
     clearLog();
 }
 
+// A pointer as the stand-in records it.
+inline uintptr_t w(const void* p) { return reinterpret_cast<uintptr_t>(p); }
+
 // The arguments the stand-in recorded for the last call of a kind, as many
 // as that call took.
 inline std::vector<uintptr_t> lastArgs(QuibStubCall c) {

@@ -5,7 +5,7 @@
 namespace cvtest {
 namespace {
 
-uint32_t readWord(const uint8_t* p) {
+uint32_t readWord(const void* p) {
     uint32_t v;
     std::memcpy(&v, p, 4);
     return v;
@@ -46,13 +46,17 @@ struct Filler {
                 writeWord(m, rng ? static_cast<uint32_t>((*rng)()) : ++next * 2654435761u | 1u);
             } else if (f.kind == CORVANE_FIELD_TEXT) {
                 const uint32_t n = rng ? static_cast<uint32_t>((*rng)() % f.capacity) : f.capacity - 1u;
+                if (rng) std::memset(m, '#', f.capacity);  // junk after the NUL
                 fillText(reinterpret_cast<char*>(m), n, rng ? static_cast<uint32_t>((*rng)()) : ++next);
             } else if (f.kind == CORVANE_FIELD_RECORD) {
                 fill(*f.record, m);
             } else {
-                const uint32_t above = counts == Counts::kZero ? 0u : counts == Counts::kCapacity ? f.capacity : f.capacity + 3u;
+                const uint32_t count = counts == Counts::kZero       ? 0u
+                                       : counts == Counts::kCapacity ? f.capacity
+                                                                     : 0xFFFFFFFFu;
                 if (f.kind == CORVANE_FIELD_ARRAY)
-                    writeWord(rec + s.fields[i - 1].offset, rng ? static_cast<uint32_t>((*rng)() % (f.capacity + 3u)) : above);
+                    writeWord(rec + s.fields[i - 1].offset,
+                              rng ? static_cast<uint32_t>((*rng)() % (f.capacity + 3u)) : count);
                 for (uint32_t j = 0; j < f.capacity; ++j) fill(*f.record, m + j * f.record->size);
             }
         }
@@ -101,50 +105,6 @@ struct Walker {
     }
 };
 
-// The path of the first difference and the two values; built only when one
-// is found, so that comparing equal records (the fuzz targets' common case)
-// allocates nothing.
-std::string diffFields(const CorVaneSchema& s, const uint8_t* a, const uint8_t* b) {
-    for (uint32_t i = 0; i < s.fieldCount; ++i) {
-        const CorVaneField& f = s.fields[i];
-        const uint8_t* ma = a + f.offset;
-        const uint8_t* mb = b + f.offset;
-        switch (f.kind) {
-            case CORVANE_FIELD_U32:
-                if (readWord(ma) != readWord(mb))
-                    return std::string(f.name) + ": " + std::to_string(readWord(ma)) +
-                           " != " + std::to_string(readWord(mb));
-                break;
-            case CORVANE_FIELD_TEXT: {
-                const char* ta = reinterpret_cast<const char*>(ma);
-                const char* tb = reinterpret_cast<const char*>(mb);
-                const size_t na = strnlen(ta, f.capacity);
-                const size_t nb = strnlen(tb, f.capacity);
-                if (na != nb || std::memcmp(ta, tb, na) != 0)
-                    return std::string(f.name) + ": \"" + std::string(ta, na) + "\" != \"" +
-                           std::string(tb, nb) + "\"";
-                break;
-            }
-            case CORVANE_FIELD_RECORD: {
-                std::string d = diffFields(*f.record, ma, mb);
-                if (!d.empty()) return std::string(f.name) + "." + d;
-                break;
-            }
-            default: {
-                const uint32_t n = entriesUsed(s, i, a);
-                const uint32_t size = f.record->size;
-                for (uint32_t j = 0; j < n; ++j) {
-                    std::string d = diffFields(*f.record, ma + j * size, mb + j * size);
-                    if (!d.empty())
-                        return std::string(f.name) + "[" + std::to_string(j) + "]." + d;
-                }
-                break;
-            }
-        }
-    }
-    return {};
-}
-
 }  // namespace
 
 Record::Record(const CorVaneSchema* schema)
@@ -168,14 +128,16 @@ std::vector<Element> elements(const CorVaneSchema& s, const void* rec) {
     return std::move(w.out);
 }
 
-size_t encodedLength(const CorVaneSchema& s, const void* rec) {
-    size_t total = 0;
-    for (const Element& e : elements(s, rec)) total += e.wireSize;
-    return total;
-}
-
 std::string diff(const CorVaneSchema& s, const void* a, const void* b) {
-    return diffFields(s, static_cast<const uint8_t*>(a), static_cast<const uint8_t*>(b));
+    for (const Element& e : elements(s, a)) {
+        const char* x = static_cast<const char*>(a) + e.recordOffset;
+        const char* y = static_cast<const char*>(b) + e.recordOffset;
+        const bool text = e.field->kind == CORVANE_FIELD_TEXT;
+        const size_t n = text ? strnlen(x, e.field->capacity) : 4;
+        if ((text && strnlen(y, e.field->capacity) != n) || std::memcmp(x, y, n) != 0)
+            return e.path + " differs";
+    }
+    return {};
 }
 
 std::vector<const CorVaneSchema*> allRecords() {

@@ -20,7 +20,6 @@ class Record {
 public:
     explicit Record(const CorVaneSchema* schema);
     Record(const Record& other);
-    Record& operator=(const Record&) = delete;
     uint8_t* data() { return bytes_.get(); }
     const uint8_t* data() const { return bytes_.get(); }
     const CorVaneSchema* schema() const { return schema_; }
@@ -31,8 +30,9 @@ private:
     std::unique_ptr<uint8_t[]> bytes_;
 };
 
-// How the count of each counted array is set by fillFull.
-enum class Counts { kZero, kCapacity, kAbove };
+// How the count of each counted array is set by fillFull: 0, the capacity,
+// or 0xFFFFFFFF (kept as received; only the capacity's entries count).
+enum class Counts { kZero, kCapacity, kAllOnes };
 
 // Every word distinct and non-zero (derived from seed), every text at
 // capacity - 1 characters of distinct content, counts as asked. Every entry
@@ -40,8 +40,8 @@ enum class Counts { kZero, kCapacity, kAbove };
 // checked against it.
 void fillFull(const CorVaneSchema& s, void* rec, uint32_t seed, Counts counts);
 
-// Random words, texts of random length (0 to capacity - 1), counts from 0 to
-// capacity + 2.
+// Random words, texts of random length (0 to capacity - 1) with non-zero
+// bytes after the NUL, counts from 0 to capacity + 2.
 void fillRandom(const CorVaneSchema& s, void* rec, std::mt19937& rng);
 
 // One enclosing record of an element: the schema, where the record's first
@@ -68,12 +68,9 @@ struct Element {
 // entries follow the counts held in `rec`.
 std::vector<Element> elements(const CorVaneSchema& s, const void* rec);
 
-// Total length of those elements.
-size_t encodedLength(const CorVaneSchema& s, const void* rec);
-
-// The first difference between the meaningful contents of a and b (texts as
-// strings, only the first min(count, capacity) entries of counted arrays);
-// empty when they are equal.
+// The path of the first difference between the meaningful contents of a and
+// b (texts as strings, only the first min(count, capacity) entries of counted
+// arrays); empty when they are equal.
 std::string diff(const CorVaneSchema& s, const void* a, const void* b);
 
 // Every record type, from the library's registry.

@@ -23,16 +23,7 @@ void capture(int priority, const char* fmt, va_list ap) {
     std::lock_guard<std::mutex> lock(gMutex);
     lines().push_back({priority & 7, buf});
 }
-}  // namespace
 
-const std::vector<LogLine>& logLines() { return lines(); }
-
-void clearLog() {
-    std::lock_guard<std::mutex> lock(gMutex);
-    lines().clear();
-}
-
-namespace {
 std::string withoutLine(const std::string& text) {
     const std::string prefix = "[CORVANE] -> ";
     if (text.compare(0, prefix.size(), prefix) != 0) return text;
@@ -42,6 +33,13 @@ std::string withoutLine(const std::string& text) {
     return text.substr(prefix.size(), open - prefix.size()) + ": " + text.substr(close + 3);
 }
 }  // namespace
+
+const std::vector<LogLine>& logLines() { return lines(); }
+
+void clearLog() {
+    std::lock_guard<std::mutex> lock(gMutex);
+    lines().clear();
+}
 
 std::vector<std::string> logTextsWithoutLine() {
     std::vector<std::string> out;

@@ -3,8 +3,7 @@
 # cross build run under qemu-mips. GoogleTest is built once for the target from
 # /usr/src/googletest and installed under build/mips-gtest, where the mips
 # preset finds it. Emulated, the truncation test takes every 7th length (and
-# every length near an element boundary) and the bus load test 20000 messages
-# (see the mips test preset).
+# every length near an element boundary; see the mips test preset).
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
