@@ -20,7 +20,7 @@
 #include "quib_stub.h"
 #include "support/bindings.h"
 #include "support/records.h"
-#include "support/typed_ops.h"
+#include "typed_ops.h"
 
 namespace {
 
