@@ -83,6 +83,10 @@ const HostileCase kCases[] = {
     {"TextWithoutNulBeforeTheEnd", "outBoundProxy",
      [] { return words({3, 8}) + chars("abcdefgh"); },
      {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(8 bytes)\n"}}, {}},
+    // A length of 0 is not trusted either: the text is looked for in the
+    // buffer, which here ends with the header.
+    {"TextLengthZeroAtTheEnd", "outBoundProxy", [] { return words({3, 0}); },
+     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(0 bytes)\n"}}, {}},
     // ---- counts --------------------------------------------------------------
     {"CountAllOnesWithoutEntries", "ProfileFQDNServers",
      [] { return words({3, 4, 9, 4, 4, 0xFFFFFFFFu}); },

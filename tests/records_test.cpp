@@ -262,6 +262,21 @@ TEST(Golden, StatedLengths) {
     }
 }
 
+// The published field descriptions hold what the header says of each kind
+// and nothing else: a capacity only for texts and arrays, a nested schema
+// only for records and arrays, the reserved byte 0. Tools read these.
+TEST(Golden, FieldDescriptionsFollowTheirKind) {
+    for (const CorVaneSchema* s : allRecords())
+        for (uint32_t j = 0; j < s->fieldCount; ++j) {
+            const CorVaneField& f = s->fields[j];
+            SCOPED_TRACE(std::string(s->name) + "." + f.name);
+            EXPECT_LE(f.kind, CORVANE_FIELD_FIXED_ARRAY);
+            EXPECT_EQ(f.kind != CORVANE_FIELD_U32 && f.kind != CORVANE_FIELD_RECORD, f.capacity != 0);
+            EXPECT_EQ(f.kind >= CORVANE_FIELD_RECORD, f.record != nullptr);
+            EXPECT_EQ(0, f.reserved);
+        }
+}
+
 // Tags above 255 are written and read in full: a record of 255 words and a
 // text carries tags 3 to 258, and a header that only a tag counter carried
 // into the length word would give is refused where tag 256 is expected.
