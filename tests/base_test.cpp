@@ -67,16 +67,20 @@ TEST_F(Base, FailedAddBaseKeepsWhatItWonAndCanBeRetried) {
     } cases[] = {
         {QUIB_STUB_GET_BASE, 1, 0, 0, "corVane_addBase: Add command message management failed\n"},
         {QUIB_STUB_GET_BASE, 1, 1, 1, "corVane_addBase: Add notification message management failed\n"},
+        {QUIB_STUB_GET_BASE, QUIB_STUB_NUM_WITHOUT_TABLE, 1, 1,
+         "corVane_addBase: Add notification message management failed\n"},
         {QUIB_STUB_ADD_EVT, 7, 0, 3, "corVane_addBase: Add event base failed(7)\n"},
     };
     for (const auto& c : cases) {
         resetBase();
         quibStub_setFailure(c.call, c.code, c.after);
-        EXPECT_EQ(c.code, corvane_initialize());
+        // A table refused is the library's own status; the event base's failure is passed on.
+        const uint32_t status = c.call == QUIB_STUB_GET_BASE ? CORVANE_E_NOT_PROCESSED : c.code;
+        EXPECT_EQ(status, corvane_initialize());
         EXPECT_EQ(0u, corVane_base.state);
         EXPECT_EQ(c.flags, corVane_base.flags);
         EXPECT_EQ((std::vector<std::string>{
-                      c.line, "corvane_initialize: Add Base failed(" + std::to_string(c.code) + ")\n"}),
+                      c.line, "corvane_initialize: Add Base failed(" + std::to_string(status) + ")\n"}),
                   logTextsWithoutLine());
         quibStub_setFailure(c.call, 0, 0);
         const uint32_t asked = calls(QUIB_STUB_GET_BASE);

@@ -42,10 +42,13 @@ extern "C" {
 #define QUIB_STUB_E_NO_TABLE 0x51u
 #define QUIB_STUB_E_NO_SERVER 0x52u
 #define QUIB_STUB_E_SERIALIZE 0x53u
+#define QUIB_STUB_NUM_WITHOUT_TABLE 0x54u
 
 /* The platform calls, for failure injection and call records. */
 typedef enum QuibStubCall {
-    QUIB_STUB_GET_BASE = 0,      /* quibCore_getBase_msgMngt: fails with QUIB_NUM_NONE */
+    QUIB_STUB_GET_BASE = 0,      /* quibCore_getBase_msgMngt: fails with QUIB_NUM_NONE, or
+                                    with QUIB_STUB_NUM_WITHOUT_TABLE, as a broken middleware
+                                    could: a number but no table */
     QUIB_STUB_PUT_BASE,          /* quibCore_putBase_msgMngt */
     QUIB_STUB_REG_USER,          /* quibIntf_regUser_msgMngt */
     QUIB_STUB_UNREG_USER,        /* quibIntf_unregUser_msgMngt */
