@@ -87,6 +87,10 @@ const HostileCase kCases[] = {
     // buffer, which here ends with the header.
     {"TextLengthZeroAtTheEnd", "outBoundProxy", [] { return words({3, 0}); },
      {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(0 bytes)\n"}}, {}},
+    // The length word says one byte less than the field holds and there is no
+    // NUL: the byte after the buffer must not be taken for one.
+    {"TextFillingItsFieldWithoutNul", "outBoundProxy", [] { return words({3, 255}) + chars(std::string(255, 'x')); },
+     {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(255 bytes)\n"}}, {}},
     // ---- counts --------------------------------------------------------------
     {"CountAllOnesWithoutEntries", "ProfileFQDNServers",
      [] { return words({3, 4, 9, 4, 4, 0xFFFFFFFFu}); },
@@ -132,6 +136,21 @@ const HostileCase kCases[] = {
     {"MagicTagWrong", "SetLineCallState", [] { return words({1, 4, kLineCallMagic, 1, 4, 0, 3, 4, 1}); },
      {2, 0, {kLineCallBody + "pBody({+0}): Tl(1-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}},
      Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(1-4) expectded(0)\n", kLineCallBody + "pBody({+0}): Type(1) -> Error Before\n"}}},
+    // The usual envelope is two 4-byte elements, tags 0 and 1; any other is read
+    // element by element: a second tag 0 is refused, a longer element skipped
+    // whole, and a 5-byte magic whose next bytes look like the usual tag 1 is
+    // not taken for it.
+    {"SecondEnvelopeTag0", "SetLineCallState", [] { return words({0, 4, kLineCallMagic, 0, 4, 0, 3, 4, 1}); },
+     {2, 0, {kLineCallBody + "pBody({+0}): Tl(0-4) expectded(1)\n"}},
+     Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(0-4) expectded(1)\n"}}},
+    {"Tag1ElementOf5Bytes", "SetLineCallState",
+     [] { return words({0, 4, kLineCallMagic, 1, 5, 0}) + Bytes{0x7f} + words({3, 4, 1, 4, 4, 2, 5, 4, 3}); },
+     {0, 0, {}}, Answer{0, 0, {}}},
+    // Bytes 12 to 19 read 00000001 00000004; the tag-1 header is at 13.
+    {"MagicOf5BytesThenTag1Lookalike", "SetLineCallState",
+     [] { return words({0, 5, kLineCallMagic}) + Bytes{0, 0, 0, 1} + words({4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3}); },
+     {2, 0, {kLineCallBody + "pBody({+0}): Tl(256-1024) expectded(1)\n"}},
+     Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(256-1024) expectded(1)\n"}}},
     // ---- magics -------------------------------------------------------------------
     // Another message's magic (SetRegistrationStatus shares none with this
     // one), and none at all: refused by the bounded reader, where the classic
