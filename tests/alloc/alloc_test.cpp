@@ -195,23 +195,33 @@ TEST(Alloc, RefusedAllocationsAreReported) {
                                         "corVane_sendReq_setLineCallState: Allocating Memory Ctx[]\n"}),
               cvtest::logTextsWithoutLine());
     // Bodies refused on receipt (foreign magic, envelope word, payload) are
-    // released before the call returns.
+    // released before the call returns, and so is the buffer of a payload
+    // that cannot be written (OnMakeCall's texts without their NUL).
     std::vector<std::vector<uint8_t>> refused(3, wire);
     refused[0][11] ^= 1;
     refused[1][23] = 2;
     refused[2][27] = 9;
+    const cvtest::Binding& call = *std::find_if(
+        cvtest::bindings().begin(), cvtest::bindings().end(),
+        [](const cvtest::Binding& x) { return std::strcmp(x.info->name, "OnMakeCall") == 0; });
+    const cvtest::Record empty(call.info->payload);
+    void* callBody = cvtest::makeBody(call, empty.data());
+    std::memset(static_cast<uint8_t*>(callBody) + 8, 'x', empty.size());  // the payload
     const std::vector<Event> events = recorded([&] {
         EXPECT_EQ(2u, corVane_unserializeBody_bounded(b.info, 0, refused[0].data(), 60, &back, &size));
         EXPECT_EQ(2u, b.unserializeBody(0, refused[1].data(), &back, &size));
         EXPECT_EQ(4u, b.unserializeBody(0, refused[2].data(), &back, &size));
+        EXPECT_EQ(4u, call.serializeBody(0, callBody, &buf, &len));
     });
+    EXPECT_EQ(nullptr, buf);
     std::map<void*, int> live;
     size_t library = 0;
     for (const Event& e : events)
         if (e.freed || whoCalled(e.caller) == "library") live[e.block] += e.freed ? -1 : (++library, 1);
-    EXPECT_EQ(3u, library);
+    EXPECT_EQ(4u, library);
     for (const auto& [block, n] : live) EXPECT_GE(0, n) << "a block kept";
     b.freeBody(0, body);
+    call.freeBody(0, callBody);
     cvtest::resetBase();
 }
 
