@@ -20,6 +20,19 @@ protected:
     static uint32_t calls(QuibStubCall c) { return quibStub_lastCall(c)->calls; }
 };
 
+// corVane_base as the library is loaded, taken before any test resets it:
+// what resetBase puts back must be that state.
+const CorVaneBase kLoaded = corVane_base;
+
+TEST(BaseLoaded, StartsWaitingForInitWithNothingAdded) {
+    EXPECT_EQ(CORVANE_MAGIC_BASE, kLoaded.magic);
+    EXPECT_EQ(CORVANE_STATE_BASE_WAIT_INIT, kLoaded.state);
+    EXPECT_EQ(0u, kLoaded.flags);
+    EXPECT_EQ(0u, kLoaded.debug);
+    EXPECT_EQ(CORVANE_NUM_NONE, kLoaded.cmd.num);
+    EXPECT_EQ(CORVANE_NUM_NONE, kLoaded.ntfy.num);
+}
+
 TEST_F(Base, AddBaseFillsBothTablesAndRegistersTheEventCallback) {
     ASSERT_EQ(0u, corvane_initialize());
     EXPECT_EQ(CORVANE_STATE_BASE_INIT, corVane_base.state);

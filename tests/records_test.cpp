@@ -303,6 +303,16 @@ TEST(Codec, TagsAbove255) {
     const uint8_t* in = out.data();
     ASSERT_EQ(0u, corVane_record_unserialize(&s, &back, &in));
     EXPECT_EQ("", diff(s, &rec, &back));
+    // 254 words, the first record whose last tag is 256: written and read in full.
+    const CorVaneSchema s254{"Wide", fields.data(), sizeof(Wide), kWords - 1, 0};
+    Bytes out254(12 * (kWords - 1), 0xEE);
+    cur = out254.data();
+    ASSERT_EQ(0u, corVane_record_serialize(&s254, &rec, &cur));
+    EXPECT_EQ(Bytes(want.begin(), want.begin() + 12 * (kWords - 1)), out254);
+    Wide back254{};
+    const uint8_t* in254 = out254.data();
+    ASSERT_EQ(0u, corVane_record_unserialize(&s254, &back254, &in254));
+    EXPECT_EQ("", diff(s254, &rec, &back254));
     const Bytes bad = words({0, 0x01000004u});
     std::memcpy(out.data() + 12 * 253, bad.data(), bad.size());
     for (const bool bounded : {false, true}) {
