@@ -9,7 +9,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,7 +27,6 @@ extern "C" {
 #include "sim.h"  // the daemons' sample payloads
 }
 
-extern char** environ;
 
 namespace {
 
@@ -59,15 +58,23 @@ struct Proc {
         static int n = 0;
         out = dir + "/" + std::to_string(++n) + ".out";
         err = dir + "/" + std::to_string(n) + ".err";
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
-        running = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ) == 0;
-        posix_spawn_file_actions_destroy(&fa);
+        // The child dies with this process: a test that crashes leaves no
+        // bus or daemon behind.
+        const pid_t parent = getpid();
+        pid = fork();
+        if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) _exit(127);
+            const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(127);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        running = pid > 0;
     }
     ~Proc() { stop(SIGKILL); }
     // The exit status (128 + signal), or -1 when still running after ms.
