@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +26,7 @@
 
 #include "corvane/corvane.h"
 #include "quib_dbus.h"
+#include "support/child.h"
 
 namespace {
 
@@ -68,25 +68,7 @@ struct Proc {
     Proc(std::vector<std::string> args, const std::string &dir, const std::string &tag)
         : out(dir + "/" + tag + ".out"), err(dir + "/" + tag + ".err")
     {
-        std::vector<char *> argv;
-        for (std::string &a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        // The child dies with this process: a test that crashes leaves no
-        // bus or daemon behind.
-        const pid_t parent = getpid();
-        pid = fork();
-        if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (getppid() != parent)
-                _exit(127);
-            const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0)
-                _exit(127);
-            execvp(argv[0], argv.data());
-            _exit(127);
-        }
+        pid = cvtest::startChild(std::move(args), out, err);
     }
     ~Proc() { stop(SIGKILL, 2000); }
     // Sends sig (none when 0) and waits: the exit status (128 + signal when

@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +23,7 @@
 #include "bus_names.h"
 #include "inspect.h"
 extern "C" {
+#include "support/child.h"
 #include "sim.h"  // the daemons' sample payloads
 }
 
@@ -58,22 +58,7 @@ struct Proc {
         static int n = 0;
         out = dir + "/" + std::to_string(++n) + ".out";
         err = dir + "/" + std::to_string(n) + ".err";
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        // The child dies with this process: a test that crashes leaves no
-        // bus or daemon behind.
-        const pid_t parent = getpid();
-        pid = fork();
-        if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (getppid() != parent) _exit(127);
-            const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(127);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
+        pid = cvtest::startChild(std::move(args), out, err);
         running = pid > 0;
     }
     ~Proc() { stop(SIGKILL); }
