@@ -61,16 +61,17 @@ uint32_t entryCount(const CorVaneField* f, const uint8_t* rec) {
 //
 // A text whose NUL lies in its first eight bytes (most texts on the wire:
 // empty ones and short codes) is found and copied from one word read in
-// place, with no call into the C library; a longer one is found and copied
-// in one pass by stpcpy, and measured by strlen, which the C library
-// vectorises for each target. Words past the first lose to it: going on a
-// word at a time up to 32 bytes took CallingFeatures full serialise from
-// 1,992 to 2,322 instructions (bench/opcount.sh) and from 1.18x to 1.30x the
-// time of the x86-only code this replaced (bench/ab.sh), and stpcpy beats
-// memchr then memcpy by a pass (CallingFeatures full unserialise 1.35x ->
-// 1.25x of that time, ProfileSIP 1.21x -> 1.12x). The one word is worth it:
-// CallingFeatures empty unserialises in 0.73x and serialises in 0.75x the
-// time it takes with the C library alone (bench/abtime, medians of 300).
+// place, with no call into the C library. A longer one is measured by
+// strlen, which the C library vectorises for each target, and copied by
+// overlapping moves of eight bytes when its field has up to 32; in a larger
+// field stpcpy finds and copies it in one pass. Measured against the
+// x86-only vector code this replaced (bench/ab.sh 90d8904, medians of 200
+// batch pairs on x86-64): memchr then memcpy for every longer text made
+// CallingFeatures full serialise 1.21x and unserialise 1.35x slower, stpcpy
+// for all 1.18x and 1.25x, a loop of words to 32 bytes 1.30x and 1.31x;
+// this way 1.04x and 1.05-1.07x. The one word is worth it: CallingFeatures
+// empty unserialises in 0.73x and serialises in 0.75x the time it takes
+// with the C library alone (bench/abtime, medians of 300).
 //
 // The callers guarantee that a NUL lies within the bytes they let the
 // helpers read; the helpers read nothing outside those bytes and write
@@ -138,12 +139,43 @@ inline void finishCopy(uint8_t* d, const uint8_t* s, size_t n) {
     }
 }
 
-// Copies s through its first NUL, which the caller knows to lie in the bytes
-// it lets the helpers read, and returns the NUL's index: stpcpy finds and
-// copies in one pass.
-inline size_t copyString(uint8_t* d, const uint8_t* s) {
-    char* const end = stpcpy(reinterpret_cast<char*>(d), reinterpret_cast<const char*>(s));
-    return static_cast<size_t>(end - reinterpret_cast<char*>(d));
+// Copies s[0..n] for n < 16: two overlapping moves of eight bytes from
+// n = 8 on, finishCopy below.
+inline void copyBelow16(uint8_t* d, const uint8_t* s, size_t n) {
+    if (n >= 8) {
+        const uint64_t a = load64(s), b = load64(s + n - 7);
+        store64(d, a);
+        store64(d + n - 7, b);
+    } else {
+        finishCopy(d, s, n);
+    }
+}
+
+// copyThroughNul for a text that may not end in its first word. In a field
+// of up to 32 bytes it is measured by strlen and copied by overlapping moves
+// of eight bytes; in a larger field stpcpy finds and copies it in one pass.
+// Past the moves n cannot reach 32 in such a field; the memcpy keeps the
+// copy whole for any n, and this shape measured fastest (without it,
+// CallingFeatures full unserialise went from 1.05x to 1.12-1.17x).
+inline size_t copyLong(uint8_t* d, const uint8_t* s, size_t lim) {
+    if (lim > 32) {
+        char* const end = stpcpy(reinterpret_cast<char*>(d), reinterpret_cast<const char*>(s));
+        return static_cast<size_t>(end - reinterpret_cast<char*>(d));
+    }
+    const size_t n = std::strlen(reinterpret_cast<const char*>(s));
+    if (n < 16) {
+        copyBelow16(d, s, n);
+    } else if (n < 32) {
+        const uint64_t a = load64(s), b = load64(s + 8);
+        const uint64_t y = load64(s + n - 15), z = load64(s + n - 7);
+        store64(d, a);
+        store64(d + 8, b);
+        store64(d + n - 15, y);
+        store64(d + n - 7, z);
+    } else {
+        std::memcpy(d, s, n + 1);
+    }
+    return n;
 }
 
 // Copies s[0..n] to d[0..n], n being the first NUL in s[0, lim), which must
@@ -151,15 +183,17 @@ inline size_t copyString(uint8_t* d, const uint8_t* s) {
 // the walks' loops: a call there would cost as much as a short text.
 // Byte 7 tells which way: a text of eight characters or more has one there,
 // and a shorter one has its NUL in the word wherever byte 7 is 0; a short
-// text followed by stray bytes goes to stpcpy, with the same result. Testing
-// that byte rather than the word took CallingFeatures full serialise from
-// 1,992 to 1,902 instructions (bench/opcount.sh).
+// text followed by stray bytes goes to copyLong, with the same result.
+// Testing that byte rather than the word took CallingFeatures full
+// serialise from 1,992 to 1,852 instructions and unserialise from 2,225 to
+// 2,089 (bench/opcount.sh), and unserialise from 1.17-1.21x to 1.05-1.07x
+// the time of the x86-only code (bench/ab.sh).
 CV_ALWAYS_INLINE size_t copyThroughNul(uint8_t* d, const uint8_t* s, size_t lim) {
     size_t n;
     if (lim < 8) {
         n = nulIndexBelow8(s, lim);
     } else if (s[7] != 0) {
-        return copyString(d, s);
+        return copyLong(d, s, lim);
     } else {
         n = firstFlagged(nulBits(loadLe64(s)));
     }

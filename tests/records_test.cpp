@@ -120,6 +120,15 @@ TEST_P(AllRecords, RoundTripAtEveryShift) {
             ASSERT_EQ(0u, decode(s(), back.data(), &in, bounded ? wire.end() : nullptr));
             ASSERT_EQ(wire.end(), in);
             ASSERT_EQ("", diff(s(), src.data(), back.data()));
+            // A text is written through its NUL and no further.
+            for (const Element& e : els) {
+                if (e.field->kind != CORVANE_FIELD_TEXT) continue;
+                const auto* text = reinterpret_cast<const char*>(src.data() + e.recordOffset);
+                const size_t at = e.recordOffset + strnlen(text, e.field->capacity) + 1;
+                ASSERT_EQ(0, std::memcmp(sentinel.data() + at, back.data() + at,
+                                         e.recordOffset + e.field->capacity - at))
+                    << e.path << " past its NUL";
+            }
         }
     }
     EXPECT_TRUE(logLines().empty());
