@@ -194,13 +194,15 @@ TEST(Alloc, RefusedAllocationsAreReported) {
                                         cb + "logBody" + name + "Allocating Memory N Ctx[]\n",
                                         "corVane_sendReq_setLineCallState: Allocating Memory Ctx[]\n"}),
               cvtest::logTextsWithoutLine());
-    // Bodies refused on receipt (foreign magic, envelope word, payload) are
+    // Bodies refused on receipt (foreign magic, envelope tag, envelope word,
+    // payload) are
     // released before the call returns, and so is the buffer of a payload
     // that cannot be written (OnMakeCall's texts without their NUL).
-    std::vector<std::vector<uint8_t>> refused(3, wire);
+    std::vector<std::vector<uint8_t>> refused(4, wire);
     refused[0][11] ^= 1;
     refused[1][23] = 2;
     refused[2][27] = 9;
+    refused[3][15] = 7;
     const cvtest::Binding& call = *std::find_if(
         cvtest::bindings().begin(), cvtest::bindings().end(),
         [](const cvtest::Binding& x) { return std::strcmp(x.info->name, "OnMakeCall") == 0; });
@@ -211,6 +213,7 @@ TEST(Alloc, RefusedAllocationsAreReported) {
         EXPECT_EQ(2u, corVane_unserializeBody_bounded(b.info, 0, refused[0].data(), 60, &back, &size));
         EXPECT_EQ(2u, b.unserializeBody(0, refused[1].data(), &back, &size));
         EXPECT_EQ(4u, b.unserializeBody(0, refused[2].data(), &back, &size));
+        EXPECT_EQ(2u, b.unserializeBody(0, refused[3].data(), &back, &size));
         EXPECT_EQ(4u, call.serializeBody(0, callBody, &buf, &len));
     });
     EXPECT_EQ(nullptr, buf);
@@ -218,7 +221,7 @@ TEST(Alloc, RefusedAllocationsAreReported) {
     size_t library = 0;
     for (const Event& e : events)
         if (e.freed || whoCalled(e.caller) == "library") live[e.block] += e.freed ? -1 : (++library, 1);
-    EXPECT_EQ(4u, library);
+    EXPECT_EQ(5u, library);
     for (const auto& [block, n] : live) EXPECT_GE(0, n) << "a block kept";
     b.freeBody(0, body);
     call.freeBody(0, callBody);
