@@ -163,6 +163,8 @@ TEST_F(Messages, MiddlewareArguments) {
         else
             want.insert(want.end(), {key, w(bus), w(who), base, cmd, ntfy, index});
         EXPECT_EQ(want, lastArgs(isCommand(b) ? QUIB_STUB_MOD_SRV : QUIB_STUB_MOD_CLI));
+        // The flag that tools read says whether the function exists.
+        EXPECT_EQ(b.needUpdate != nullptr, (b.info->flags & CORVANE_MSG_NEED_UPDATE) != 0);
         if (b.needUpdate) {
             ASSERT_EQ(0u, b.needUpdate(user, a, &b2, &c));
             want = head;

@@ -155,8 +155,10 @@ TEST_P(AllRecords, SpoiltElements) {
                                           "-" + std::to_string(e.wireSize - 8) + ") expectded(" +
                                           std::to_string(e.tag) + ")\n");
         const uint16_t cap = e.field->capacity;
+        // The over-long text is of DEL bytes (0x7f), which a NUL test off by
+        // one would take for NULs.
         if (e.field->kind == CORVANE_FIELD_TEXT)
-            spoilt.emplace_back(replaceElement(wire, e, stringElement(e.tag, std::string(cap, 'Z'))),
+            spoilt.emplace_back(replaceElement(wire, e, stringElement(e.tag, std::string(cap, '\x7f'))),
                                 inner + "lgChainIn(" + std::to_string(cap + 1) + ") lgMaxChainOut(" +
                                     std::to_string(cap) + ")\n");
         for (const auto& [bytes, line] : spoilt) {
