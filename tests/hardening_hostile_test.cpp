@@ -62,6 +62,14 @@ Bytes bodyWithWord(const char* method, uint32_t word) {
     return out + encode(*m->payload, payload.data());
 }
 
+// The lines of an FQDNServers entry at offset 24 whose first element has tag 5.
+std::vector<std::string> fqdnEntryRefused() {
+    const std::string fn = "corVane_FQDNServers_unserialize: pBody({+24}): ";
+    std::vector<std::string> lines{fn + "Tl(5-4) expectded(3)\n"};
+    for (int tag = 4; tag <= 9; ++tag) lines.push_back(fn + "Type(" + std::to_string(tag) + ") -> Error Before\n");
+    return lines;
+}
+
 const HostileCase kCases[] = {
     // ---- length words -------------------------------------------------------
     {"U32LengthAllOnes", "lineCallState",
@@ -92,6 +100,12 @@ const HostileCase kCases[] = {
     {"TextFillingItsFieldWithoutNul", "outBoundProxy", [] { return words({3, 255}) + chars(std::string(255, 'x')); },
      {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(255 bytes)\n"}}, {}},
     // ---- counts --------------------------------------------------------------
+    // Where the first entry should begin, a text element under the array's
+    // own reserved tag: the entry's reader refuses it, nothing takes it for
+    // a text of the parent.
+    {"TextUnderTheArraysTag", "ProfileFQDNServers",
+     [] { return words({3, 4, 9, 4, 4, 1, 5, 4}) + chars(std::string("ab\0\0", 4)); },
+     {4, 24, fqdnEntryRefused()}, Answer{4, 24, fqdnEntryRefused()}},
     {"CountAllOnesWithoutEntries", "ProfileFQDNServers",
      [] { return words({3, 4, 9, 4, 4, 0xFFFFFFFFu}); },
      {4, 24, {"corVane_FQDNServers_unserialize: pBody({+24}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},
