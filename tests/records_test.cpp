@@ -372,8 +372,9 @@ TEST(Codec, NullArgumentsAreRefused) {
 // named. serialize_lg counts that text as capacity characters: never less
 // than what is written.
 TEST(Codec, UnterminatedTextIsRefusedOnWriting) {
-    dectRepeater r{1, 2, 3, "", "ab"};
+    dectRepeater r{1, 2, 3, "", "a"};
     std::memset(r.text1, 'q', sizeof r.text1);
+    r.text1[12] = 1;  // a last byte that is neither NUL nor a letter
     EXPECT_EQ(36u + 8 + 16 + 8 + 4, corVane_dectRepeater_serialize_lg(&r));
     Bytes out(128, 0xEE);
     uint8_t* cur = out.data();
@@ -393,6 +394,13 @@ TEST(Codec, UnterminatedTextIsRefusedOnWriting) {
     ASSERT_EQ(4u, corVane_dectRepeater_serialize(&r, &cur));
     EXPECT_EQ(out.data() + 48, cur);
     EXPECT_EQ(0xEE, out[48]);
+    // What follows the field does not count, even a short text after it.
+    struct {
+        phyInterfaceIsdn isdn;
+        char after[2];
+    } isdn{{}, {'x', '\0'}};
+    std::memset(isdn.isdn.text1, 'q', sizeof isdn.isdn.text1);
+    EXPECT_EQ(8u + 12, corVane_phyInterfaceIsdn_serialize_lg(&isdn.isdn));
 }
 
 // _copy takes the same record (nothing is done: an unterminated text stays
