@@ -165,6 +165,11 @@ const HostileCase kCases[] = {
      [] { return words({0, 5, kLineCallMagic}) + Bytes{0, 0, 0, 1} + words({4, 0, 3, 4, 1, 4, 4, 2, 5, 4, 3}); },
      {2, 0, {kLineCallBody + "pBody({+0}): Tl(256-1024) expectded(1)\n"}},
      Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(256-1024) expectded(1)\n"}}},
+    // Bytes 13 to 20 read 00000001 00000004; the element at 12 has tag 0x07000000.
+    {"Tag1LookalikeOneByteLate", "SetLineCallState",
+     [] { return words({0, 4, kLineCallMagic}) + Bytes{7, 0, 0, 0, 1, 0, 0, 0, 4, 0, 0, 0} + words({3, 4, 1, 4, 4, 2, 5, 4, 3}); },
+     {2, 0, {kLineCallBody + "pBody({+0}): Tl(117440512-16777216) expectded(1)\n"}},
+     Answer{2, 0, {kLineCallBody + "pBody({+0}): Tl(117440512-16777216) expectded(1)\n"}}},
     // ---- magics -------------------------------------------------------------------
     // Another message's magic (SetRegistrationStatus shares none with this
     // one), and none at all: refused by the bounded reader, where the classic
