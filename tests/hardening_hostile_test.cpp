@@ -62,12 +62,27 @@ Bytes bodyWithWord(const char* method, uint32_t word) {
     return out + encode(*m->payload, payload.data());
 }
 
-// The lines of an FQDNServers entry at offset 24 whose first element has tag 5.
-std::vector<std::string> fqdnEntryRefused() {
-    const std::string fn = "corVane_FQDNServers_unserialize: pBody({+24}): ";
-    std::vector<std::string> lines{fn + "Tl(5-4) expectded(3)\n"};
-    for (int tag = 4; tag <= 9; ++tag) lines.push_back(fn + "Type(" + std::to_string(tag) + ") -> Error Before\n");
+// A record's first line, then its "Error Before" lines for tags from..to.
+std::vector<std::string> refused(const std::string& record, const std::string& first, int from, int to) {
+    const std::string fn = "corVane_" + record + "_unserialize: ";
+    std::vector<std::string> lines{fn + first};
+    for (int tag = from; tag <= to; ++tag)
+        lines.push_back(fn + "pBody({+0}): Type(" + std::to_string(tag) + ") -> Error Before\n");
     return lines;
+}
+
+// An FQDNServers entry at offset 24 whose first element has tag 5.
+std::vector<std::string> fqdnEntryRefused() {
+    std::vector<std::string> lines = refused("FQDNServers", "pBody({+24}): Tl(5-4) expectded(3)\n", 4, 9);
+    for (std::string& line : lines)
+        if (const size_t at = line.find("{+0}"); at != std::string::npos) line.replace(at, 4, "{+24}");
+    return lines;
+}
+
+// A 4-byte text field whose element says 256 bytes, the low byte of that
+// length word being 0, and holds "abcd" then zeros.
+Bytes fourByteFieldOf256() {
+    return words({3, 4, 1, 4, 4, 0, 5, 4, 0, 6, 256}) + chars("abcd") + Bytes(252, 0);
 }
 
 const HostileCase kCases[] = {
@@ -99,6 +114,11 @@ const HostileCase kCases[] = {
     // NUL: the byte after the buffer must not be taken for one.
     {"TextFillingItsFieldWithoutNul", "outBoundProxy", [] { return words({3, 255}) + chars(std::string(255, 'x')); },
      {4, 0, {"corVane_outBoundProxy_unserialize: pBody({+0}): Type(3) text has no NUL before the end of the buffer(255 bytes)\n"}}, {}},
+    // Five bytes for a 4-byte field: refused, though the byte before the
+    // text (the length word's last) is a NUL.
+    {"FourCharactersInAFourByteField", "phyInterfaceStatusDectPp", fourByteFieldOf256,
+     {4, 36, refused("phyInterfaceStatusDectPp", "lgChainIn(5) lgMaxChainOut(4)\n", 7, 15)},
+     Answer{4, 36, refused("phyInterfaceStatusDectPp", "lgChainIn(5) lgMaxChainOut(4)\n", 7, 15)}},
     // ---- counts --------------------------------------------------------------
     // Where the first entry should begin, a text element under the array's
     // own reserved tag: the entry's reader refuses it, nothing takes it for
