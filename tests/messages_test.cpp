@@ -245,7 +245,7 @@ TEST_F(Messages, SendEdges) {
 using MessagesDeathTest = Messages;
 
 // A body is checked against its own message's magic only.
-TEST_F(MessagesDeathTest, WrongMagicAbortsInReceiveAndFree) {
+TEST_F(MessagesDeathTest, WrongMagicAbortsInReceiveSerializeAndFree) {
     const Binding& addLine = bindings()[19 + 4];
     const Binding& addPhy = bindings()[19 + 5];
     const Binding& addRepeater = bindings()[19 + 9];
@@ -259,6 +259,11 @@ TEST_F(MessagesDeathTest, WrongMagicAbortsInReceiveAndFree) {
     EXPECT_DEATH(bindings()[9].freeBody(0, freed),
                  "corVane_cbEvtMsgMngt_freeBody_msgCmdReq_setLineCallState\\([0-9]+\\): Check Magic.*"
                  "magic\\(DEADBEEF\\)");
+    uint8_t* buffer = nullptr;
+    uint32_t length = 0;
+    EXPECT_DEATH(bindings()[9].serializeBody(0, foreign, &buffer, &length),
+                 "corVane_cbEvtMsgMngt_serializeBody_msgCmdReq_setLineCallState\\([0-9]+\\): Check Magic.*"
+                 "magic\\(20132510\\)");
     // The repeater body shares the profile line's magic and passes its check.
     int called = 0;
     void* body = makeBody(addRepeater, fullPayload(addRepeater).data());
