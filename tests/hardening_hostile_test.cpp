@@ -62,20 +62,15 @@ Bytes bodyWithWord(const char* method, uint32_t word) {
     return out + encode(*m->payload, payload.data());
 }
 
-// A record's first line, then its "Error Before" lines for tags from..to.
-std::vector<std::string> refused(const std::string& record, const std::string& first, int from, int to) {
+// A record's first line, then its "Error Before" lines for tags from..to;
+// the record begins `at` bytes into the buffer.
+std::vector<std::string> refused(const std::string& record, size_t at, const std::string& first,
+                                 int from, int to) {
     const std::string fn = "corVane_" + record + "_unserialize: ";
     std::vector<std::string> lines{fn + first};
     for (int tag = from; tag <= to; ++tag)
-        lines.push_back(fn + "pBody({+0}): Type(" + std::to_string(tag) + ") -> Error Before\n");
-    return lines;
-}
-
-// An FQDNServers entry at offset 24 whose first element has tag 5.
-std::vector<std::string> fqdnEntryRefused() {
-    std::vector<std::string> lines = refused("FQDNServers", "pBody({+24}): Tl(5-4) expectded(3)\n", 4, 9);
-    for (std::string& line : lines)
-        if (const size_t at = line.find("{+0}"); at != std::string::npos) line.replace(at, 4, "{+24}");
+        lines.push_back(fn + "pBody({+" + std::to_string(at) + "}): Type(" + std::to_string(tag) +
+                        ") -> Error Before\n");
     return lines;
 }
 
@@ -117,15 +112,16 @@ const HostileCase kCases[] = {
     // Five bytes for a 4-byte field: refused, though the byte before the
     // text (the length word's last) is a NUL.
     {"FourCharactersInAFourByteField", "phyInterfaceStatusDectPp", fourByteFieldOf256,
-     {4, 36, refused("phyInterfaceStatusDectPp", "lgChainIn(5) lgMaxChainOut(4)\n", 7, 15)},
-     Answer{4, 36, refused("phyInterfaceStatusDectPp", "lgChainIn(5) lgMaxChainOut(4)\n", 7, 15)}},
+     {4, 36, refused("phyInterfaceStatusDectPp", 0, "lgChainIn(5) lgMaxChainOut(4)\n", 7, 15)},
+     Answer{4, 36, refused("phyInterfaceStatusDectPp", 0, "lgChainIn(5) lgMaxChainOut(4)\n", 7, 15)}},
     // ---- counts --------------------------------------------------------------
     // Where the first entry should begin, a text element under the array's
     // own reserved tag: the entry's reader refuses it, nothing takes it for
     // a text of the parent.
     {"TextUnderTheArraysTag", "ProfileFQDNServers",
      [] { return words({3, 4, 9, 4, 4, 1, 5, 4}) + chars(std::string("ab\0\0", 4)); },
-     {4, 24, fqdnEntryRefused()}, Answer{4, 24, fqdnEntryRefused()}},
+     {4, 24, refused("FQDNServers", 24, "pBody({+24}): Tl(5-4) expectded(3)\n", 4, 9)},
+     Answer{4, 24, refused("FQDNServers", 24, "pBody({+24}): Tl(5-4) expectded(3)\n", 4, 9)}},
     {"CountAllOnesWithoutEntries", "ProfileFQDNServers",
      [] { return words({3, 4, 9, 4, 4, 0xFFFFFFFFu}); },
      {4, 24, {"corVane_FQDNServers_unserialize: pBody({+24}): Type(3) runs past the end of the buffer: 8 bytes needed, 0 left\n"}}, {}},

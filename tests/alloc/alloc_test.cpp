@@ -195,9 +195,8 @@ TEST(Alloc, RefusedAllocationsAreReported) {
                                         "corVane_sendReq_setLineCallState: Allocating Memory Ctx[]\n"}),
               cvtest::logTextsWithoutLine());
     // Bodies refused on receipt (foreign magic, envelope tag, envelope word,
-    // payload) are
-    // released before the call returns, and so is the buffer of a payload
-    // that cannot be written (OnMakeCall's texts without their NUL).
+    // payload) are released before the call returns, and so is the buffer of
+    // a payload that cannot be written (OnMakeCall's texts without their NUL).
     std::vector<std::vector<uint8_t>> refused(4, wire);
     refused[0][11] ^= 1;
     refused[1][23] = 2;
