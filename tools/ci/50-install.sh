@@ -55,4 +55,9 @@ PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" make -s -C tests/consumers/pkgconfig
 grep -q "^SetLineCallState body: 60 bytes on the wire, round trip ok$" "$work/out2" \
   || fail "pkg-config consumer"
 grep -q "^user voice: org.corvane.user.voice$" "$work/out2" || fail "pkg-config consumer: bus name"
+"$work/pc/codec_only" | tee "$work/out3"
+grep -q "^codec only: lineCallState 36 bytes, round trip ok$" "$work/out3" \
+  || fail "pkg-config consumer of the codec alone (-Wl,--as-needed)"
+readelf -d "$work/pc/codec_only" | grep -q 'NEEDED.*libcorvane_dbus' \
+  || fail "the pkg-config line let --as-needed drop libcorvane_dbus"
 echo "-- install and consumers: ok"

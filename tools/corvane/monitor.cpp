@@ -268,7 +268,11 @@ private:
         const Json& name = j[who];
         std::string out = name.is_null() ? "*" : name.get<std::string>();
         const std::string pidKey = std::string(who) + "_pid";
-        if (j.contains(pidKey)) out += "[" + std::to_string(j[pidKey].get<uint32_t>()) + "]";
+        if (j.contains(pidKey)) {
+            out += '[';
+            out += std::to_string(j[pidKey].get<uint32_t>());
+            out += ']';
+        }
         return out;
     }
 
