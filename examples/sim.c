@@ -18,6 +18,7 @@ static void usage(FILE *to, const char *prog, int which)
 int sim_start(int argc, char **argv, int which, SimOptions *o)
 {
     const char *prog = which == SIM_VOICE ? "corvane-voice-sim" : "corvane-mgmt-sim";
+    const char *problem;
     int i;
 
     memset(o, 0, sizeof *o);
@@ -53,8 +54,9 @@ int sim_start(int argc, char **argv, int which, SimOptions *o)
         ++i; /* the option's value */
     }
     o->bus = quibDbus_address(o->bus);
-    if (!o->bus) {
-        fprintf(stderr, "%s: no bus address: give --bus ADDRESS or set CORVANE_BUS\n", prog);
+    problem = quibDbus_addressProblem(o->bus);
+    if (problem) {
+        fprintf(stderr, "%s: %s\n", prog, problem);
         return 2;
     }
     setvbuf(stdout, NULL, _IOLBF, 0);

@@ -120,6 +120,8 @@ struct State {
     uint32_t timeoutMs = 0;  // 0: the default
     MsgCtx *live = nullptr;
     std::map<std::string, Peer> peers;  // by unique connection name
+    std::string namedAddress;           // quibDbus_address of "system" or "user"
+    std::string addressProblem;         // quibDbus_addressProblem's last line
 };
 
 // Never destroyed: the library may call in while the process exits.
@@ -728,10 +730,54 @@ void *quibIntf_findSrvMthdNtfyUser(void *a, void *, const char *, uint16_t, void
 
 const char *quibDbus_address(const char *address)
 {
-    if (address != nullptr && *address != '\0')
-        return address;
-    const char *env = std::getenv("CORVANE_BUS");
-    return env != nullptr && *env != '\0' ? env : nullptr;
+    return guarded<const char *>(nullptr, [&]() -> const char * {
+        const char *given = address;
+        if (given == nullptr || *given == '\0')
+            given = std::getenv("CORVANE_BUS");
+        if (given == nullptr || *given == '\0')
+            return nullptr;
+        // The two buses a process finds by name, as sd_bus_open_system and
+        // sd_bus_open_user find them.
+        std::string &named = st().namedAddress;
+        if (std::strcmp(given, "system") == 0) {
+            const char *env = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+            named = env != nullptr && *env != '\0' ? env : "unix:path=/run/dbus/system_bus_socket";
+            return named.c_str();
+        }
+        if (std::strcmp(given, "user") == 0) {
+            const char *env = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+            const char *runtime = std::getenv("XDG_RUNTIME_DIR");
+            if (env != nullptr && *env != '\0')
+                named = env;
+            else if (runtime != nullptr && *runtime == '/')
+                named = std::string("unix:path=") + runtime + "/bus";
+            else
+                return nullptr;
+            return named.c_str();
+        }
+        return given;
+    });
+}
+
+const char *quibDbus_addressProblem(const char *address)
+{
+    return guarded<const char *>("not a bus address", [&]() -> const char * {
+        if (address == nullptr || *address == '\0')
+            return "no bus: give --bus ADDRESS (or system, or user) or set CORVANE_BUS";
+        // Every address of a list "a;b" is transport:key=value,...
+        const char *colon = std::strchr(address, ':');
+        const char *semicolon = std::strchr(address, ';');
+        if (colon != nullptr && (semicolon == nullptr || colon < semicolon) && colon != address)
+            return nullptr;
+        std::string &line = st().addressProblem;
+        if (std::strchr(address, '/') != nullptr)
+            line = std::string(address) + " is a path, not a bus address: give unix:path=" + address;
+        else
+            line = std::string(address) +
+                   " is not a bus address (transport:key=value, e.g. unix:path=/run/corvane/bus), "
+                   "nor system or user";
+        return line.c_str();
+    });
 }
 
 int quibDbus_busName(const char *userName, char *out, size_t size)
@@ -760,7 +806,11 @@ void *quibDbus_newUser(const char *name, const char *address, uint32_t *status)
             return nullptr;
         result = QUIB_DBUS_E_NO_BUS;
         sd_event *event = quibdbus::loopEvent();
-        if (addr == nullptr || event == nullptr)
+        if (const char *problem = quibDbus_addressProblem(addr)) {
+            logError("user %s: %s", name, problem);
+            return nullptr;
+        }
+        if (event == nullptr)
             return nullptr;
         auto u = std::make_unique<User>();
         u->name = name;

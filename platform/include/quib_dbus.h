@@ -66,8 +66,19 @@ extern "C" {
 #define QUIB_DBUS_E_USER 0x69u         /* not a user of this middleware, or a name that cannot be one */
 
 /* The bus address: `address` when given and not empty, else $CORVANE_BUS
- * when set and not empty, else NULL. */
+ * when set and not empty, else NULL. Two names stand for a bus found as
+ * sd-bus finds it: "system" ($DBUS_SYSTEM_BUS_ADDRESS, else
+ * unix:path=/run/dbus/system_bus_socket) and "user" ($DBUS_SESSION_BUS_ADDRESS,
+ * else unix:path=$XDG_RUNTIME_DIR/bus; NULL when neither is set). The text
+ * returned for a name stays valid until the next call. */
 const char *quibDbus_address(const char *address);
+
+/* NULL when `address` reads as a D-Bus address (transport:key=value), else
+ * one line that says why not, for the user: no address at all, or a path
+ * given for an address ("/tmp/x/bus is a path, not a bus address: give
+ * unix:path=/tmp/x/bus"). Valid until the next call. quibDbus_newUser
+ * refuses such an address with QUIB_DBUS_E_NO_BUS and logs the line. */
+const char *quibDbus_addressProblem(const char *address);
 
 /* Connects to the bus at quibDbus_address(address), takes the user's
  * well-known name and attaches the connection to the event loop. Returns the

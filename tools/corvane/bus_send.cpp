@@ -2,10 +2,17 @@
 
 #include <unistd.h>
 
+#include "cli.h"
 #include "inspect.h"
 #include "quib_dbus.h"
 
 namespace cvi {
+
+std::string busAddress(const std::string& option) {
+    const char* address = quibDbus_address(option.empty() ? nullptr : option.c_str());
+    if (const char* problem = quibDbus_addressProblem(address)) throw Failure(kExitUsage, problem);
+    return address;
+}
 
 SendOutcome sendOnBus(const std::string& address, const SendEntry& e, const std::string& to,
                       const void* payload, uint32_t timeoutMs) {

@@ -40,11 +40,4 @@ Json payloadArgument(const std::string& arg) {
     }
 }
 
-std::string busAddress(const std::string& option) {
-    if (!option.empty()) return option;
-    const char* env = std::getenv("CORVANE_BUS");
-    if (env && *env) return env;
-    throw Failure(kExitUsage, "no bus: give --bus ADDRESS or set CORVANE_BUS");
-}
-
 }  // namespace cvi

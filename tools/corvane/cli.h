@@ -30,8 +30,10 @@ std::string readInput(const std::string& path);
 // content, "@-" for standard input. Not JSON: a refused Failure.
 Json payloadArgument(const std::string& arg);
 
-// The bus to use: the --bus option, else $CORVANE_BUS; neither is a usage
-// Failure.
+// The bus to use: the --bus option, else $CORVANE_BUS, "system" and "user"
+// naming those buses (as the middleware reads them); none, or something that
+// is no bus address (a path, say), is a usage Failure with a hint. Defined
+// with the sending code (bus_send.cpp), which links the middleware.
 std::string busAddress(const std::string& option);
 
 }  // namespace cvi

@@ -5,7 +5,7 @@ namespace {
 
 const OptionDef kGlobal[] = {
     {"--json", nullptr, "One JSON object per line on standard output; errors as {\"error\": ...} on standard error"},
-    {"--bus", "ADDRESS", "D-Bus address of the bus (default: $CORVANE_BUS)"},
+    {"--bus", "ADDRESS", "D-Bus address of the bus, or system, or user (default: $CORVANE_BUS)"},
 };
 
 const OptionDef kSchema[] = {
