@@ -656,6 +656,15 @@ TEST_P(Policy, OnlyTheManagementSideNotifies)
     ASSERT_TRUE(waitUntil([&] { return countOf(voice.stdout_(), "subscribed to 30 notifications") == 1; }, 5000))
         << voice.stderr_();
 
+    // A listener that owns no user name: what reaches it is up to the
+    // notifications' own rule.
+    Conn listener(address);
+    ASSERT_NE(listener.bus, nullptr);
+    ASSERT_GE(sd_bus_call_method(listener.bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                 "org.freedesktop.DBus", "AddMatch", nullptr, nullptr, "s",
+                                 "type='signal',interface='org.corvane.CorVaneNtfy'"),
+              0);
+
     struct Row {
         const Account *who;
         std::string to;
@@ -677,10 +686,27 @@ TEST_P(Policy, OnlyTheManagementSideNotifies)
     // does.
     const std::string control = as(engineer, [&](Conn &c) {
         const std::string taken = requestName(c.bus, "org.corvane.user.corvane_2d1", 4);
-        return taken + " " + notify(c.bus, "", "OnMakeCall");
+        return c.unique() + " " + taken + " " + notify(c.bus, "", "OnMakeCall");
     });
-    ASSERT_EQ(control, "owner sent");
+    const std::string controlSender = control.substr(0, control.find(' '));
+    ASSERT_EQ(control, controlSender + " owner sent");
     EXPECT_TRUE(waitUntil([&] { return countOf(voice.stdout_(), ": notification, ") >= 1; }, 5000));
+
+    // The listener got the control, and nothing before it.
+    std::vector<std::string> heard;
+    waitUntil(
+        [&] {
+            sd_bus_message *m = nullptr;
+            while (sd_bus_process(listener.bus, &m) > 0) {
+                if (m != nullptr && sd_bus_message_is_signal(m, kNtfyIntf, nullptr) > 0)
+                    heard.push_back(sd_bus_message_get_sender(m));
+                sd_bus_message_unref(m);
+                m = nullptr;
+            }
+            return !heard.empty() && heard.back() == controlSender;
+        },
+        5000);
+    EXPECT_EQ(heard, std::vector<std::string>{controlSender});
     std::this_thread::sleep_for(milliseconds(200));  // anything else in flight lands meanwhile
     EXPECT_EQ(voice.stop(SIGTERM, 5000), 0);
     const std::string seen = voice.stdout_() + voice.stderr_();
