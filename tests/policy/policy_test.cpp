@@ -307,6 +307,7 @@ protected:
     // The bus of the running test, and its management side.
     static inline std::string dir, address;
     static inline Proc *mgmt = nullptr;
+    static inline std::string skipped;  // why the tests cannot run here
     static inline Account root, mgmtUser, voiceUser, engineer, outsider, stranger;
 
     static std::string bin(const char *program) { return dir + "/" + fs::path(program).filename().string(); }
@@ -322,8 +323,9 @@ protected:
         if (missing != nullptr) {
             if (required)
                 FAIL() << "the policy tests cannot run: " << missing;
-            GTEST_SKIP() << "the policy tests need root and dbus-daemon: " << missing
-                         << " (CORVANE_REQUIRE_POLICY_TESTS=1 makes this a failure)";
+            skipped = std::string("the policy tests need root and dbus-daemon: ") + missing +
+                      " (CORVANE_REQUIRE_POLICY_TESTS=1 makes this a failure)";
+            return;
         }
         ASSERT_EQ(corvane_initialize(), CORVANE_OK);
         root = {"root", 0, 0, {}};
@@ -503,6 +505,8 @@ protected:
 
     void SetUp() override
     {
+        if (!skipped.empty())
+            GTEST_SKIP() << skipped;
         ASSERT_EQ(buses.count(GetParam()), 1u);
         address = buses[GetParam()].address;
         mgmt = buses[GetParam()].mgmt;
