@@ -67,10 +67,13 @@ fi
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >"$work/install2.log" || fail "install into a prefix failed"
 units=("$prefix"/lib/systemd/system/corvane-{mgmt,voice}-sim.service)
-if command -v systemd-analyze >/dev/null; then
-  systemd-analyze verify "${units[@]}" >"$work/verify.log" 2>&1 || fail "systemd-analyze verify: $(cat "$work/verify.log")"
+if command -v systemd-analyze >/dev/null &&
+   { [ -e /lib/systemd/system/dbus.socket ] || [ -e /usr/lib/systemd/system/dbus.socket ]; }; then
+  # It exits 0 on an unknown key; any line it prints is a fault.
+  systemd-analyze verify "${units[@]}" >"$work/verify.log" 2>&1 && [ ! -s "$work/verify.log" ] ||
+    fail "systemd-analyze verify: $(cat "$work/verify.log")"
 else
-  echo "units: systemd-analyze not found; the units are not verified"
+  echo "units: systemd-analyze or dbus.socket (Debian: systemd, dbus-system-bus-common) not found; the units are not verified"
 fi
 
 # The ExecStart lines as they stand, on a private bus given as the system bus.
