@@ -4,7 +4,10 @@
 # tests, libcorvane_platform.so.1) with their headers, pkg-config files
 # (corvane, corvane-dbus, corvane-platform) and a CMake package
 # (find_package(Corvane 1.0) -> Corvane::Corvane, Corvane::Dbus,
-# Corvane::Platform).
+# Corvane::Platform). With the D-Bus middleware, platform/policy installs
+# the bus policy (share/dbus-1/system.d/org.corvane.conf) and
+# examples/CMakeLists.txt the two daemons with their systemd units and a
+# sysusers.d file.
 #
 # libCorvane imports the middleware without naming a library for it: a
 # program links libCorvane and one middleware (the device's own, or one of
