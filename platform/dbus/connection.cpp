@@ -80,22 +80,35 @@ void *quibDbus_newUser(const char *name, const char *address, uint32_t *status)
             sd_bus_unref(u->bus);
             return nullptr;
         }
+        // Flags 0: not queued behind another owner (the call fails instead),
+        // and not replaceable by one that asks to replace it.
         r = sd_bus_request_name(u->bus, busName, 0);
         if (r < 0) {
             result = r == -EEXIST || r == -EALREADY ? QUIB_DBUS_E_NAME_TAKEN
                                                     : statusOfError(nullptr, r);
             if (result == QUIB_DBUS_E_DISCONNECTED)
                 result = QUIB_DBUS_E_NO_BUS;
-            logError("user %s: cannot own %s: %s", name, busName, strerror(-r));
+            if (result == QUIB_DBUS_E_NAME_TAKEN)
+                logOwner(u.get(), busName);
+            else
+                logError("user %s: cannot own %s: %s", name, busName, strerror(-r));
             sd_bus_flush_close_unref(u->bus);
             return nullptr;
         }
         r = sd_bus_add_filter(u->bus, &u->filter, onFilter, u.get());
         if (r >= 0)
             r = sd_bus_attach_event(u->bus, event, SD_EVENT_PRIORITY_NORMAL);
+        if (r >= 0)
+            r = watchPeers(u.get());
         if (r < 0) {
-            result = QUIB_DBUS_E_BUS;
+            result = statusOfError(nullptr, r);
+            if (result == QUIB_DBUS_E_DISCONNECTED)
+                result = QUIB_DBUS_E_NO_BUS;
+            logError("user %s: cannot attach to the event loop or follow the owners of the "
+                     "names on the bus: %s", name, strerror(-r));
+            unwatchPeers(u.get());
             sd_bus_slot_unref(u->filter);
+            sd_bus_detach_event(u->bus);
             sd_bus_flush_close_unref(u->bus);
             return nullptr;
         }
@@ -123,6 +136,7 @@ void quibDbus_freeUser(void *user)
     std::erase_if(s.userRegs, [u](const auto &r) { return r.first == u; });
     for (auto &served : u->served)
         sd_bus_slot_unref(served->slot);
+    unwatchPeers(u);
     sd_bus_slot_unref(u->filter);
     sd_bus_detach_event(u->bus);
     sd_bus_flush_close_unref(u->bus);

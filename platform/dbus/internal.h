@@ -38,8 +38,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,6 +58,8 @@ constexpr const char kUserPrefix[] = "org.corvane.user.";
 constexpr const char kPathPrefix[] = "/org/corvane/";
 constexpr const char kIntfPrefix[] = "org.corvane.";
 constexpr size_t kMaxBusName = 255;  // the bus's limit on names
+constexpr uint32_t kUnknownUid = QUIB_DBUS_UID_UNKNOWN;
+constexpr const char kDriver[] = "org.freedesktop.DBus";
 
 // ---- state ------------------------------------------------------------------
 
@@ -87,6 +91,32 @@ struct Served {
     sd_bus_slot *slot;
 };
 
+// What the bus says of a connection (GetConnectionCredentials).
+struct Creds {
+    int32_t pid = -1;             // -1: unknown (it left the bus before it was asked)
+    uint32_t uid = kUnknownUid;
+};
+
+// A call to the bus driver under way; its reply runs `done`.
+struct Pending {
+    User *user;
+    sd_bus_slot *slot;
+    std::function<void(sd_bus_message *reply)> done;
+};
+
+// Who owns which corvane user name on a user's bus, as the bus said it
+// (ListNames and GetNameOwner when the user joined, then NameOwnerChanged),
+// in the order of the messages the connection receives: when a message is
+// dispatched, the table holds the owners of the moment it was sent.
+struct Owners {
+    sd_bus_slot *watch = nullptr;                 // the NameOwnerChanged match
+    std::map<std::string, std::string> byName;    // well-known name -> unique name
+    std::set<std::string> talkedTo;               // names sent to or heard from
+    std::map<std::string, Creds> creds;           // by unique name (never reused on a bus)
+    std::set<std::string> refused;                // anonymous senders already logged
+    std::set<std::string> queued;                 // queued for our name, already logged
+};
+
 struct User {
     sd_bus *bus = nullptr;
     std::string name;
@@ -94,6 +124,9 @@ struct User {
     uint32_t lastStatus = 0;
     sd_bus_slot *filter = nullptr;
     std::vector<std::unique_ptr<Served>> served;
+    Owners owners;
+    sd_event_source *queueCheck = nullptr;        // the timer of checkQueue
+    std::vector<std::unique_ptr<Pending>> pending;
 };
 
 struct UpdateNeed {
@@ -114,11 +147,6 @@ struct MsgCtx {
     MsgCtx *next;
 };
 
-struct Peer {
-    std::string name;
-    int32_t pid;
-};
-
 struct State {
     std::map<uint16_t, Table> tables;
     uint16_t nextNum = 1;
@@ -129,7 +157,6 @@ struct State {
     std::vector<UpdateNeed> updates;
     uint32_t timeoutMs = 0;  // 0: the default
     MsgCtx *live = nullptr;
-    std::map<std::string, Peer> peers;  // by unique connection name
     std::string namedAddress;           // quibDbus_address of "system" or "user"
     std::string addressProblem;         // quibDbus_addressProblem's last line
 };
@@ -157,8 +184,10 @@ std::string unescape(const char *escaped);
 
 // ---- statuses (status.cpp) ----------------------------------------------------
 
-// One "[QUIB-DBUS] ..." line to syslog, priority LOG_ERR.
+// One "[QUIB-DBUS] ..." line to syslog, priority LOG_ERR; logLine at the
+// priority given (LOG_WARNING, LOG_NOTICE).
 void logError(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void logLine(int priority, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
 // The status of a failed call, from the error the bus or sd-bus gave.
 uint32_t statusOfError(const sd_bus_error *error, int r);
@@ -195,8 +224,32 @@ uint32_t sendNotification(User *u, void *body, uint16_t num, uint16_t method);
 bool isLive(const MsgCtx *ctx);
 // A method call to a path a user serves (userdata: the Served).
 int onMethodCall(sd_bus_message *m, void *userdata, sd_bus_error *error);
-// A notification signal matched by a subscription (userdata: the Registration).
+// A notification signal matched by a subscription, broadcast or sent to this
+// connection alone (userdata: the Registration); taken only from the owner
+// of a corvane user name (senderIsUser).
 int onSignal(sd_bus_message *m, void *userdata, sd_bus_error *);
+
+// ---- peers (peers.cpp) ----------------------------------------------------------
+
+// After the user took its name: follows the owners of every corvane user
+// name on its bus, and checks now and then who queues for its own name.
+// 0, or a negative errno.
+int watchPeers(User *u);
+// Stops all of that and drops the calls under way (the user is going).
+void unwatchPeers(User *u);
+// The corvane user name (unescaped) that the connection `unique` owns, or
+// "" when it owns none; one of them if it owns several.
+std::string userNameOf(const User *u, const char *unique);
+// Whether the notification's sender owns a corvane user name; if not, logs
+// its refusal once per sender connection (with its pid and uid).
+bool senderIsUser(User *u, sd_bus_message *m);
+// Remembers that the user talks to that well-known name: a later change of
+// its owner is logged.
+void talksTo(User *u, const char *busName);
+// The credentials of a connection (cached; else asked of the bus now).
+Creds credsOf(User *u, const char *unique);
+// Why the name could not be taken: logs its owner, pid and uid.
+void logOwner(User *u, const char *busName);
 
 // ---- servers and subscribers (subscribe.cpp) ----------------------------------
 

@@ -98,6 +98,8 @@ int onSignal(sd_bus_message *m, void *userdata, sd_bus_error *)
 {
     return guarded<int>(0, [&]() -> int {
         const Registration *reg = static_cast<const Registration *>(userdata);
+        if (!senderIsUser(reg->user, m))
+            return 0;
         if (!sd_bus_message_has_signature(m, "ay")) {
             logError("%s from %s dropped: signature \"%s\", not \"ay\"",
                      sd_bus_message_get_member(m), sd_bus_message_get_sender(m),

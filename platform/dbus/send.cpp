@@ -66,6 +66,7 @@ uint32_t sendCommand(User *u, void *body, const char *userName, uint16_t num, ui
         std::free(buf);
         return QUIB_DBUS_E_NO_SERVER;
     }
+    talksTo(u, dest);
     sd_bus_message *m = nullptr, *reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
     int r = newMessage(u, row, dest, buf, len, &m);

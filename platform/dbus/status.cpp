@@ -12,14 +12,31 @@
 
 namespace quibdbus {
 
-void logError(const char *fmt, ...)
+namespace {
+
+void logv(int priority, const char *fmt, va_list ap)
 {
     char text[512];
+    std::vsnprintf(text, sizeof text, fmt, ap);
+    syslog(priority, "[QUIB-DBUS] %s", text);
+}
+
+}  // namespace
+
+void logError(const char *fmt, ...)
+{
     va_list ap;
     va_start(ap, fmt);
-    std::vsnprintf(text, sizeof text, fmt, ap);
+    logv(LOG_ERR, fmt, ap);
     va_end(ap);
-    syslog(LOG_ERR, "[QUIB-DBUS] %s", text);
+}
+
+void logLine(int priority, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    logv(priority, fmt, ap);
+    va_end(ap);
 }
 
 uint32_t statusOfError(const sd_bus_error *error, int r)
@@ -37,6 +54,7 @@ uint32_t statusOfError(const sd_bus_error *error, int r)
         // The bus's answer when the server's connection closed before it answered.
         {SD_BUS_ERROR_NO_REPLY, QUIB_DBUS_E_DISCONNECTED},
         {SD_BUS_ERROR_DISCONNECTED, QUIB_DBUS_E_DISCONNECTED},
+        {SD_BUS_ERROR_ACCESS_DENIED, QUIB_DBUS_E_DENIED},
     };
     if (error != nullptr && error->name != nullptr)
         for (const auto &e : kErrors)
@@ -50,6 +68,9 @@ uint32_t statusOfError(const sd_bus_error *error, int r)
     case EPIPE:
     case ESHUTDOWN:
         return QUIB_DBUS_E_DISCONNECTED;
+    case EACCES:
+    case EPERM:
+        return QUIB_DBUS_E_DENIED;
     default:
         return QUIB_DBUS_E_BUS;
     }
@@ -78,6 +99,7 @@ const char *quibDbus_strerror(uint32_t status)
     case QUIB_DBUS_E_NAME_TAKEN: return "the user name is taken by another connection";
     case QUIB_DBUS_E_BUS: return "the bus reported an error";
     case QUIB_DBUS_E_USER: return "not a user of this bus, or a name that cannot be one";
+    case QUIB_DBUS_E_DENIED: return "denied by the bus's policy";
     default: return "unknown status";
     }
 }
