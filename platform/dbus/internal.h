@@ -9,6 +9,7 @@
 //   receive.cpp     commands and notifications coming in, answers
 //   subscribe.cpp   servers, subscribers, needs for updates
 //   peers.cpp       who is at the other end: names' owners, credentials
+//   introspect.cpp  what each object says it serves
 //   loop.cpp        the event loop (ranq*)
 //
 // Choices, the same as the in-process stand-in's where the contract leaves
@@ -84,7 +85,8 @@ struct Registration {
     sd_bus_slot *match;  // a subscriber's match rule
 };
 
-// An object path a user serves: the table's name, looked up at each call.
+// An object path a user serves (a table it serves, subscribes to or needs
+// updates of): the table's name, looked up at each call.
 struct Served {
     User *user;
     std::string table;
@@ -250,6 +252,13 @@ void talksTo(User *u, const char *busName);
 Creds credsOf(User *u, const char *unique);
 // Why the name could not be taken: logs its owner, pid and uid.
 void logOwner(User *u, const char *busName);
+
+// ---- introspection (introspect.cpp) --------------------------------------------
+
+// Answers Introspect, and Properties calls for the table's interface, on an
+// object the user serves: > 0 when answered (or < 0 with the error), 0 when
+// the call is not one of those.
+int answerIntrospection(sd_bus_message *m, const Served &served, sd_bus_error *error);
 
 // ---- servers and subscribers (subscribe.cpp) ----------------------------------
 

@@ -71,6 +71,8 @@ int onMethodCall(sd_bus_message *m, void *userdata, sd_bus_error *error)
 {
     return guarded<int>(-ENOMEM, [&]() -> int {
         const Served *served = static_cast<const Served *>(userdata);
+        if (int r = answerIntrospection(m, *served, error); r != 0)
+            return r;
         const Table *table = tableNamed(served->table);
         const char *intf = sd_bus_message_get_interface(m);
         const char *member = sd_bus_message_get_member(m);

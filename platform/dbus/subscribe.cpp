@@ -1,6 +1,7 @@
 // Servers, subscribers and needs for updates: a server's connection serves
 // the table's object path; a subscriber adds one match rule per
-// notification.
+// notification. Each of them publishes the table's object path on the
+// user's connection, where introspection shows what the user registered.
 
 #include "internal.h"
 
@@ -10,7 +11,7 @@ namespace quibdbus {
 namespace {
 
 // Makes sure the user's connection serves the table's object path.
-int serve(User *u, const Table &table)
+int publish(User *u, const Table &table)
 {
     for (const auto &s : u->served)
         if (s->table == table.name)
@@ -50,10 +51,10 @@ uint32_t enroll(std::vector<std::unique_ptr<Registration>> &regs, bool subscribe
     }
     auto reg = std::make_unique<Registration>(
         Registration{u, desc->num, method, desc, handler, b, nullptr});
-    const int r = subscriber ? sd_bus_add_match(u->bus, &reg->match,
-                                                matchRule(*row.table, row.name).c_str(), onSignal,
-                                                reg.get())
-                             : serve(u, *row.table);
+    int r = publish(u, *row.table);
+    if (r >= 0 && subscriber)
+        r = sd_bus_add_match(u->bus, &reg->match, matchRule(*row.table, row.name).c_str(), onSignal,
+                             reg.get());
     if (r < 0) {
         const uint32_t status = statusOfError(nullptr, r);
         logError("%s of %s as %s: %s (%s)", row.name, u->name.c_str(),
@@ -100,8 +101,16 @@ uint32_t quibIntf_modSrv_ntfy_needUpdate(void *user, void *, void *, void *, con
         const auto *desc = static_cast<const CorVaneIntfDesc *>(ntfyDesc);
         if (uint32_t rc = checkDesc(desc, method); rc != 0)
             return rc;
-        if (!quibDbus_needsUpdate(u, desc->num, method))
-            st().updates.push_back(UpdateNeed{u, desc->num, method});
+        if (quibDbus_needsUpdate(u, desc->num, method))
+            return 0;
+        const Row row = rowOf(desc->num, method);
+        if (const int r = row.table != nullptr ? publish(u, *row.table) : 0; r < 0) {
+            const uint32_t status = statusOfError(nullptr, r);
+            logError("%s of %s as needing updates: %s (%s)", row.name, u->name.c_str(),
+                     quibDbus_strerror(status), strerror(-r));
+            return status;
+        }
+        st().updates.push_back(UpdateNeed{u, desc->num, method});
         return 0;
     });
 }

@@ -38,6 +38,15 @@
  *    Commands are handed on whoever sends them: a server checks the caller
  *    with it, and the bus's policy says who may call.
  *
+ * Introspection: each object path a user serves (a table it serves,
+ * subscribes to or needs updates of) answers
+ * org.freedesktop.DBus.Introspectable with the table's interface: a method
+ * ("body" ay in, "status" u out) per command the user serves, a signal
+ * ("body" ay) per notification it subscribes to (annotated
+ * org.corvane.Subscribed) and, for the side that needs updates (it sends the
+ * table's notifications), a signal per notification of the table, those it
+ * needs updates of annotated org.corvane.NeedsUpdate.
+ *
  * Received bytes are read only with corVane_unserializeBody_bounded, never
  * with the row's unserializeBody callback: a malformed body gets the
  * library's status and log line and is dropped before any receive function

@@ -16,6 +16,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -572,6 +574,159 @@ TEST_F(Bus, AStrangerQueuesForTheName)
               1u)
         << slurp(again->err);
     EXPECT_EQ(countOf(slurp(again->err), "the user name is taken by another connection (0x67)"), 1u);
+}
+
+// One method or signal of an introspection document.
+struct Member {
+    std::string kind, name;                 // "method" or "signal"
+    std::vector<std::string> args;          // "in ay", "out u"; a signal's: "ay"
+    std::vector<std::string> annotations;   // names whose value is "true"
+};
+
+// The members of interface `intf` in an introspection document: a reader of
+// just what that XML holds (elements, double-quoted attributes, the DOCTYPE).
+std::vector<Member> membersOf(const std::string &xml, const std::string &intf)
+{
+    std::vector<Member> out;
+    bool inside = false;
+    for (size_t at = xml.find('<'); at != std::string::npos; at = xml.find('<', at + 1)) {
+        const size_t end = xml.find('>', at);
+        if (end == std::string::npos)
+            break;
+        std::string tag = xml.substr(at + 1, end - at - 1);
+        if (tag.empty() || tag[0] == '!' || tag[0] == '?')
+            continue;
+        if (tag[0] == '/') {
+            inside = inside && tag != "/interface";
+            continue;
+        }
+        std::istringstream words(tag);
+        std::string element;
+        words >> element;
+        std::map<std::string, std::string> attrs;
+        for (size_t eq = tag.find('='); eq != std::string::npos; eq = tag.find('=', eq + 1)) {
+            const size_t nameStart = tag.rfind(' ', eq) + 1, open = eq + 1;
+            const size_t close = tag.find('"', open + 1);
+            if (tag[open] != '"' || close == std::string::npos)
+                break;
+            attrs[tag.substr(nameStart, eq - nameStart)] = tag.substr(open + 1, close - open - 1);
+        }
+        if (element == "interface")
+            inside = attrs["name"] == intf;
+        else if (inside && (element == "method" || element == "signal"))
+            out.push_back({element, attrs["name"], {}, {}});
+        else if (inside && element == "arg" && !out.empty())
+            out.back().args.push_back(
+                (attrs.count("direction") ? attrs["direction"] + " " : "") + attrs["type"]);
+        else if (inside && element == "annotation" && !out.empty() && attrs["value"] == "true")
+            out.back().annotations.push_back(attrs["name"]);
+    }
+    return out;
+}
+
+std::string findProgram(const std::string &name)
+{
+    const char *path = std::getenv("PATH");
+    std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
+    for (std::string dir; std::getline(dirs, dir, ':');)
+        if (access((dir + "/" + name).c_str(), X_OK) == 0)
+            return dir + "/" + name;
+    return "";
+}
+
+// Introspection, generated from the tables and the registrations: the
+// management daemon's CorVaneCmd object lists its 19 commands (ay in, u out)
+// and its CorVaneNtfy object the 30 notifications it sends, the 14 it needs
+// updates of annotated; the voice daemon's CorVaneNtfy object lists the 30 it
+// subscribes to, and it has no CorVaneCmd object. "/" and the path between
+// answer with their child nodes. busctl, when installed (Debian: systemd),
+// shows each command with "ay" in and "u" out, and the tree.
+TEST_F(Bus, Introspection)
+{
+    mgmt("mgmt");
+    spawn({VOICE_SIM, "--bus", address, "--to", "late"}, "voice", "subscribed");
+    const Raw raw(address);
+    auto introspect = [&](const char *user, const char *path) {
+        sd_bus_message *reply = nullptr;
+        sd_bus_error e = SD_BUS_ERROR_NULL;
+        const char *xml = nullptr;
+        std::string out;
+        if (sd_bus_call_method(raw.bus, (std::string("org.corvane.user.") + user).c_str(), path,
+                               "org.freedesktop.DBus.Introspectable", "Introspect", &e, &reply,
+                               "") < 0)
+            out = std::string("error ") + (e.name != nullptr ? e.name : "?");
+        else if (sd_bus_message_read(reply, "s", &xml) >= 0)
+            out = xml;
+        sd_bus_error_free(&e);
+        sd_bus_message_unref(reply);
+        return out;
+    };
+    const struct {
+        const char *user, *path;
+        uint32_t intf;
+        const char *kind;
+        std::vector<std::string> args;
+        bool subscribed, needsUpdate;
+    } objects[] = {
+        {"mgmt", "/org/corvane/CorVaneCmd", CORVANE_INTF_CMD, "method", {"in ay", "out u"}, false, false},
+        {"mgmt", "/org/corvane/CorVaneNtfy", CORVANE_INTF_NTFY, "signal", {"ay"}, false, true},
+        {"voice", "/org/corvane/CorVaneNtfy", CORVANE_INTF_NTFY, "signal", {"ay"}, true, false},
+    };
+    size_t listed = 0;
+    for (const auto &o : objects) {
+        const std::string intf =
+            o.intf == CORVANE_INTF_CMD ? "org.corvane.CorVaneCmd" : "org.corvane.CorVaneNtfy";
+        const std::vector<Member> members = membersOf(introspect(o.user, o.path), intf);
+        const size_t count = o.intf == CORVANE_INTF_CMD ? CORVANE_CMD_COUNT : CORVANE_NTFY_COUNT;
+        ASSERT_EQ(members.size(), count) << o.user << " " << o.path;
+        for (uint16_t i = 0; i < count; ++i) {
+            const CorVaneMessageInfo *info = corVane_messageInfo(o.intf, i);
+            const Member &m = members[i];
+            EXPECT_EQ(m.kind, o.kind) << info->name;
+            EXPECT_EQ(m.name, info->name);
+            EXPECT_EQ(m.args, o.args) << info->name;
+            std::vector<std::string> annotations;
+            if (o.subscribed)
+                annotations.push_back("org.corvane.Subscribed");
+            if (o.needsUpdate && (info->flags & CORVANE_MSG_NEED_UPDATE) != 0)
+                annotations.push_back("org.corvane.NeedsUpdate");
+            EXPECT_EQ(m.annotations, annotations) << o.user << " " << info->name;
+        }
+        listed += o.user == std::string("mgmt") ? members.size() : 0;
+    }
+    EXPECT_EQ(listed, 49u);
+    EXPECT_EQ(introspect("voice", "/org/corvane/CorVaneCmd"),
+              "error org.freedesktop.DBus.Error.UnknownObject");
+    EXPECT_NE(introspect("voice", "/").find("<node name=\"org\""), std::string::npos);
+    const std::string between = introspect("mgmt", "/org/corvane");
+    EXPECT_NE(between.find("<node name=\"CorVaneCmd\""), std::string::npos) << between;
+    EXPECT_NE(between.find("<node name=\"CorVaneNtfy\""), std::string::npos) << between;
+
+    const std::string busctl = findProgram("busctl");
+    if (busctl.empty()) {
+        std::cout << "busctl is not installed (Debian: systemd): its view not checked\n";
+        return;
+    }
+    Proc *shown = spawn({busctl, "--address=" + address, "introspect", "org.corvane.user.mgmt",
+                         "/org/corvane/CorVaneCmd"},
+                        "busctl-introspect");
+    ASSERT_EQ(shown->wait(5000), 0) << slurp(shown->err);
+    std::istringstream lines(slurp(shown->out));
+    size_t commands = 0;
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream cols(line);
+        std::string name, type, in, out;
+        cols >> name >> type >> in >> out;
+        const CorVaneMessageInfo *info = corVane_messageByName(name.c_str() + (name[0] == '.'));
+        if (type == "method" && info != nullptr && info->intf == CORVANE_INTF_CMD) {
+            EXPECT_EQ(in + " " + out, "ay u") << line;
+            ++commands;
+        }
+    }
+    EXPECT_EQ(commands, 19u) << slurp(shown->out);
+    Proc *tree = spawn({busctl, "--address=" + address, "tree", "org.corvane.user.voice"}, "busctl-tree");
+    ASSERT_EQ(tree->wait(5000), 0) << slurp(tree->err);
+    EXPECT_NE(slurp(tree->out).find("/org/corvane/CorVaneNtfy"), std::string::npos) << slurp(tree->out);
 }
 
 }  // namespace
