@@ -428,6 +428,36 @@ TEST_F(Bus, JoiningTheBus)
     EXPECT_EQ(status, QUIB_DBUS_E_NO_BUS);
 }
 
+// What a bus's policy refuses has a status of its own, 0x6a: owning a name
+// it keeps from everyone, and a command it does not let through (here on a
+// private bus whose policy refuses one name and one command).
+TEST_F(Bus, WhatThePolicyRefuses)
+{
+    const std::string conf = dir + "/policy.conf", policyBus = "unix:path=" + dir + "/policy-bus";
+    std::ofstream(conf) << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration "
+                           "1.0//EN\" \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                           "<busconfig><type>session</type><listen>" << policyBus << "</listen>\n"
+                           "<auth>EXTERNAL</auth><policy context=\"default\">\n"
+                           "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>\n"
+                           "<allow own=\"*\"/>\n"
+                           "<deny own=\"org.corvane.user.denied\"/>\n"
+                           "<deny send_destination=\"org.corvane.user.mgmt\" "
+                           "send_interface=\"org.corvane.CorVaneCmd\" send_member=\"DeleteRepeater\"/>\n"
+                           "</policy></busconfig>\n";
+    spawn({"dbus-daemon", "--config-file=" + conf, "--nofork", "--print-address"}, "policy-bus",
+          "unix:");
+    uint32_t status = 0;
+    EXPECT_EQ(quibDbus_newUser("denied", policyBus.c_str(), &status), nullptr);
+    EXPECT_EQ(status, QUIB_DBUS_E_DENIED);
+    EXPECT_STREQ(quibDbus_strerror(status), "denied by the bus's policy");
+    spawn({MGMT_SIM, "--bus", policyBus}, "mgmt", "serving 19 commands");
+    void *caller = quibDbus_newUser("voice", policyBus.c_str(), &status);
+    ASSERT_NE(caller, nullptr) << status;
+    EXPECT_EQ(corVane_sendReq_deleteRepeater(caller, nullptr, "mgmt", 7), QUIB_DBUS_E_DENIED);
+    EXPECT_EQ(sendCallState(caller, "mgmt"), 0u);
+    quibDbus_freeUser(caller);
+}
+
 // A notification from a connection that owns no corvane user name,
 // broadcast or sent to the subscriber alone, is dropped, and logged once per
 // sender connection with its unique name, pid and uid; one sent from the
