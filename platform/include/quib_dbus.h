@@ -23,6 +23,30 @@
  *    connection, signature "ay"; a subscriber adds one match rule per
  *    notification it subscribed to.
  *
+ * Who is who (the bus tells, never the message):
+ *  - a notification, broadcast or sent to the subscriber alone, is handed on
+ *    only when its sender owned a corvane user name ("org.corvane.user.*")
+ *    when it sent it; any other sender's is dropped, and logged once per
+ *    sender connection with its unique name, pid and uid;
+ *  - a user takes its name without queueing and without letting anyone
+ *    replace it: a name owned by another connection fails with
+ *    QUIB_DBUS_E_NAME_TAKEN, logging the owner's pid and uid; every 2 s the
+ *    user asks the bus who queues behind it for its name and logs each one
+ *    (it would get the name when this user leaves); a name the user talks
+ *    to that gets a new owner is logged with the new owner's pid and uid;
+ *  - quibDbus_ctxPeer gives a handler its sender's user name, pid and uid.
+ *    Commands are handed on whoever sends them: a server checks the caller
+ *    with it, and the bus's policy says who may call.
+ *
+ * Introspection: each object path a user serves (a table it serves,
+ * subscribes to or needs updates of) answers
+ * org.freedesktop.DBus.Introspectable with the table's interface: a method
+ * ("body" ay in, "status" u out) per command the user serves, a signal
+ * ("body" ay) per notification it subscribes to (annotated
+ * org.corvane.Subscribed) and, for the side that needs updates (it sends the
+ * table's notifications), a signal per notification of the table, those it
+ * needs updates of annotated org.corvane.NeedsUpdate.
+ *
  * Received bytes are read only with corVane_unserializeBody_bounded, never
  * with the row's unserializeBody callback: a malformed body gets the
  * library's status and log line and is dropped before any receive function
@@ -64,6 +88,7 @@ extern "C" {
 #define QUIB_DBUS_E_NAME_TAKEN 0x67u   /* the user's name is owned by another connection */
 #define QUIB_DBUS_E_BUS 0x68u          /* any other error reported by the bus */
 #define QUIB_DBUS_E_USER 0x69u         /* not a user of this middleware, or a name that cannot be one */
+#define QUIB_DBUS_E_DENIED 0x6au       /* the bus's policy refused it: owning the name, or the call */
 
 /* The bus address: `address` when given and not empty, else $CORVANE_BUS
  * when set and not empty, else NULL. Two names stand for a bus found as
@@ -116,10 +141,35 @@ int quibDbus_needsUpdate(void *user, uint16_t num, uint16_t method);
  * owns the name (or the bus cannot tell). */
 int32_t quibDbus_userPid(void *user, const char *userName);
 
+/* The uid of a peer the bus cannot tell (the value of (uid_t)-1, never a user's). */
+#define QUIB_DBUS_UID_UNKNOWN 0xffffffffu
+
+/* Who sent a message, as the bus tells it; nothing is taken from the
+ * message itself. */
+typedef struct QuibDbusPeer {
+    char userName[256];   /* the user name whose well-known name the sending
+                           * connection owned when it sent ("mgmt"); "" when
+                           * it owned none (never for a notification: one
+                           * from such a sender is refused before delivery) */
+    char uniqueName[256]; /* the sending connection's unique name (":1.42") */
+    int32_t pid;          /* its process id, -1 when the bus cannot tell (it has
+                           * left the bus already) */
+    uint32_t uid;         /* its user id, QUIB_DBUS_UID_UNKNOWN likewise */
+} QuibDbusPeer;
+
 /* For a message context handed to a receive function and its handler: the
- * sending user's name (its connection's unique name when it owns no user
- * name) and process id (-1 if unknown). 0, or -1 for a context that is not
- * under delivery. userName may be NULL; so may pid. */
+ * sender of the command or notification under delivery. pid and uid are
+ * asked of the bus (GetConnectionCredentials) the first time a connection
+ * is asked about, then remembered. A server checks who calls it with this:
+ * the middleware hands on every well-formed command, whoever sends it (on a
+ * bus with the corvane policy, only the allowed users can). 0, or -1 for a
+ * context that is not under delivery or a NULL peer. */
+int quibDbus_ctxPeer(void *ctx, QuibDbusPeer *peer);
+
+/* The same, as it was first given: the sending user's name (its
+ * connection's unique name when it owns no user name) and process id (-1 if
+ * unknown). 0, or -1 for a context that is not under delivery. userName may
+ * be NULL; so may pid. */
 int quibDbus_ctxSender(void *ctx, char *userName, size_t size, int32_t *pid);
 
 /* Runs the event loop until ranqDbus_stop(), SIGINT or SIGTERM, or until a

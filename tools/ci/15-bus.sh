@@ -2,11 +2,13 @@
 # Two processes on a real bus: the bus tests (tests/bus, each on a private
 # dbus-daemon of its own: all 49 messages between the two daemons, hostile
 # bodies sent to each, a server killed during a call, a name nobody owns, the
-# bus going away), the bus policy (tests/policy: strangers, the daemons'
-# users, engineers and root on private system-type buses, clients under
-# other uids -- required here, so not skipped, as CI runs as root -- and
-# what cmake --install puts on a host for the daemons as services), a short
-# run of the bus benchmark, and the README's first command
+# bus going away, forged notifications, a stranger queued for a name,
+# introspection, with busctl's view of it, and what a policy refuses), the
+# bus policy (tests/policy: strangers, the daemons' users, engineers and
+# root on private system-type buses, clients under other uids -- required
+# here, so not skipped, as CI runs as root -- and what cmake --install puts
+# on a host for the daemons as services), a short run of the bus benchmark,
+# and the README's first command
 # (tools/example.sh), which builds without the test framework.
 set -euo pipefail
 cd "$(dirname "$0")/../.."

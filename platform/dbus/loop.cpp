@@ -2,6 +2,8 @@
 // connection attached to it. ranq_addEvtBase only keeps the base's callback;
 // ranqDbus_run calls it with event 0 once the loop is over.
 
+#include "api.h"
+
 #include <errno.h>
 #include <signal.h>
 
@@ -10,8 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "dbus_loop.h"
-#include "quib_dbus.h"
+#include "loop.h"
 
 namespace quibdbus {
 namespace {

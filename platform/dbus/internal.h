@@ -1,0 +1,270 @@
+// What the files of the D-Bus middleware share: its state and the helpers
+// one concern offers another. One file per concern, as sd-bus splits its
+// own:
+//   names.cpp       escaping, bus names, addresses
+//   status.cpp      statuses, their texts, log lines
+//   tables.cpp      the message-management tables and their rows
+//   connection.cpp  users: their connection to the bus, new and free
+//   send.cpp        commands and notifications going out
+//   receive.cpp     commands and notifications coming in, answers
+//   subscribe.cpp   servers, subscribers, needs for updates
+//   peers.cpp       who is at the other end: names' owners, credentials
+//   introspect.cpp  what each object says it serves
+//   loop.cpp        the event loop (ranq*)
+//
+// Choices, the same as the in-process stand-in's where the contract leaves
+// room:
+//  - A table is handed out all zero; the caller fills in every word. Its
+//    name must make a path element (not empty), else it is refused.
+//  - A server registration is keyed by (cmdDesc->num, method), a subscription
+//    and a need for updates by (ntfyDesc->num, method), read when the call is
+//    made; a NULL descriptor, one that names no live table or has no entry
+//    for the method, or a user that is not ours, is refused with
+//    QUIB_DBUS_E_NO_TABLE / QUIB_DBUS_E_USER. Registering again replaces the
+//    handler (a) and its argument (b) in place.
+//  - The receive function is read from the registration's descriptor at
+//    delivery time. The received body is released with the row's freeBody
+//    (free() when the row has none).
+//  - A message context is valid during the receive call only.
+//  - Unregistering a user (quibIntf_unregUser_msgMngt) leaves its server and
+//    subscriber registrations alone.
+//  - No library callback runs with a registration list half-changed, so
+//    handlers may register, send and answer.
+//
+// Everything runs on the event loop's thread; nothing here locks.
+#ifndef CORVANE_DBUS_INTERNAL_H
+#define CORVANE_DBUS_INTERNAL_H
+
+#include "api.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <systemd/sd-bus.h>
+
+#include "corvane/base.h"
+#include "corvane/messages.h"
+#include "loop.h"
+
+namespace quibdbus {
+
+constexpr const char kUserPrefix[] = "org.corvane.user.";
+constexpr const char kPathPrefix[] = "/org/corvane/";
+constexpr const char kIntfPrefix[] = "org.corvane.";
+constexpr size_t kMaxBusName = 255;  // the bus's limit on names
+constexpr uint32_t kUnknownUid = QUIB_DBUS_UID_UNKNOWN;
+constexpr const char kDriver[] = "org.freedesktop.DBus";
+
+// ---- state ------------------------------------------------------------------
+
+struct Table {
+    QuibMsgMngtTable *words;
+    std::string name;
+    std::string path;   // /org/corvane/<escaped name>
+    std::string intf;   // org.corvane.<escaped name>
+    uint16_t count;
+};
+
+struct User;
+
+// A server or a subscriber of (num, method).
+struct Registration {
+    User *user;
+    uint16_t num;
+    uint16_t method;
+    const CorVaneIntfDesc *desc;
+    CorVaneHandler handler;
+    void *arg;
+    sd_bus_slot *match;  // a subscriber's match rule
+};
+
+// An object path a user serves (a table it serves, subscribes to or needs
+// updates of): the table's name, looked up at each call.
+struct Served {
+    User *user;
+    std::string table;
+    sd_bus_slot *slot;
+};
+
+// What the bus says of a connection (GetConnectionCredentials).
+struct Creds {
+    int32_t pid = -1;             // -1: unknown (it left the bus before it was asked)
+    uint32_t uid = kUnknownUid;
+};
+
+// A call to the bus driver under way; its reply runs `done`.
+struct Pending {
+    User *user;
+    sd_bus_slot *slot;
+    std::function<void(sd_bus_message *reply)> done;
+};
+
+// Who owns which corvane user name on a user's bus, as the bus said it
+// (ListNames and GetNameOwner when the user joined, then NameOwnerChanged),
+// in the order of the messages the connection receives: when a message is
+// dispatched, the table holds the owners of the moment it was sent.
+struct Owners {
+    sd_bus_slot *watch = nullptr;                 // the NameOwnerChanged match
+    std::map<std::string, std::string> byName;    // well-known name -> unique name
+    std::set<std::string> talkedTo;               // names sent to or heard from
+    std::map<std::string, Creds> creds;           // by unique name (never reused on a bus)
+    std::set<std::string> refused;                // anonymous senders already logged
+    std::set<std::string> queued;                 // queued for our name, already logged
+};
+
+struct User {
+    sd_bus *bus = nullptr;
+    std::string name;
+    std::string busName;
+    uint32_t lastStatus = 0;
+    sd_bus_slot *filter = nullptr;
+    std::vector<std::unique_ptr<Served>> served;
+    Owners owners;
+    sd_event_source *queueCheck = nullptr;        // the timer of checkQueue
+    std::vector<std::unique_ptr<Pending>> pending;
+};
+
+struct UpdateNeed {
+    User *user;
+    uint16_t num;
+    uint16_t method;
+};
+
+// The context handed to a receive function and its handler; contexts under
+// delivery are linked through `next` (they live on the delivering stack).
+struct MsgCtx {
+    uint16_t num;
+    uint16_t method;
+    User *to;
+    sd_bus_message *message;
+    bool answered;
+    uint32_t status;
+    MsgCtx *next;
+};
+
+struct State {
+    std::map<uint16_t, Table> tables;
+    uint16_t nextNum = 1;
+    std::vector<std::unique_ptr<User>> users;
+    std::vector<std::pair<User *, uint16_t>> userRegs;
+    std::vector<std::unique_ptr<Registration>> servers;
+    std::vector<std::unique_ptr<Registration>> subscribers;
+    std::vector<UpdateNeed> updates;
+    uint32_t timeoutMs = 0;  // 0: the default
+    MsgCtx *live = nullptr;
+    std::string namedAddress;           // quibDbus_address of "system" or "user"
+    std::string addressProblem;         // quibDbus_addressProblem's last line
+};
+
+// Never destroyed: the library may call in while the process exits.
+State &st();
+
+// Runs f; an exception (out of memory) gives onError instead: nothing
+// thrown crosses into C.
+template <class R, class F>
+R guarded(R onError, F f) noexcept
+{
+    try {
+        return f();
+    } catch (...) {
+        return onError;
+    }
+}
+
+// ---- names (names.cpp) --------------------------------------------------------
+
+// [A-Za-z0-9] kept; every other byte, and a leading digit, as _xx.
+std::string escape(const char *name);
+std::string unescape(const char *escaped);
+
+// ---- statuses (status.cpp) ----------------------------------------------------
+
+// One "[QUIB-DBUS] ..." line to syslog, priority LOG_ERR; logLine at the
+// priority given (LOG_WARNING, LOG_NOTICE).
+void logError(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void logLine(int priority, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// The status of a failed call, from the error the bus or sd-bus gave.
+uint32_t statusOfError(const sd_bus_error *error, int r);
+
+// ---- tables (tables.cpp) ------------------------------------------------------
+
+const Table *tableNamed(const std::string &name);
+uint16_t numOf(const Table *t);
+
+// The body callbacks and names of one method, from its table.
+struct Row {
+    const Table *table = nullptr;
+    const char *name = nullptr;
+    CorVaneFreeBodyFn freeBody = nullptr;
+    CorVaneSerializeBodyFn serialize = nullptr;
+};
+
+Row rowOf(uint16_t num, uint16_t method);
+void releaseBody(CorVaneFreeBodyFn freeBody, void *body);
+uint32_t checkDesc(const CorVaneIntfDesc *desc, uint16_t method);
+
+// ---- users (connection.cpp) ---------------------------------------------------
+
+User *userOf(const void *handle);
+
+// ---- sending (send.cpp) -------------------------------------------------------
+
+uint32_t timeoutMs();
+uint32_t sendCommand(User *u, void *body, const char *userName, uint16_t num, uint16_t method);
+uint32_t sendNotification(User *u, void *body, uint16_t num, uint16_t method);
+
+// ---- receiving (receive.cpp) --------------------------------------------------
+
+bool isLive(const MsgCtx *ctx);
+// A method call to a path a user serves (userdata: the Served).
+int onMethodCall(sd_bus_message *m, void *userdata, sd_bus_error *error);
+// A notification signal matched by a subscription, broadcast or sent to this
+// connection alone (userdata: the Registration); taken only from the owner
+// of a corvane user name (senderIsUser).
+int onSignal(sd_bus_message *m, void *userdata, sd_bus_error *);
+
+// ---- peers (peers.cpp) ----------------------------------------------------------
+
+// After the user took its name: follows the owners of every corvane user
+// name on its bus, and checks now and then who queues for its own name.
+// 0, or a negative errno.
+int watchPeers(User *u);
+// Stops all of that and drops the calls under way (the user is going).
+void unwatchPeers(User *u);
+// The corvane user name (unescaped) that the connection `unique` owns, or
+// "" when it owns none; one of them if it owns several.
+std::string userNameOf(const User *u, const char *unique);
+// Whether the notification's sender owns a corvane user name; if not, logs
+// its refusal once per sender connection (with its pid and uid).
+bool senderIsUser(User *u, sd_bus_message *m);
+// Remembers that the user talks to that well-known name: a later change of
+// its owner is logged.
+void talksTo(User *u, const char *busName);
+// The credentials of a connection (cached; else asked of the bus now).
+Creds credsOf(User *u, const char *unique);
+// Why the name could not be taken: logs its owner, pid and uid.
+void logOwner(User *u, const char *busName);
+
+// ---- introspection (introspect.cpp) --------------------------------------------
+
+// Answers Introspect, and Properties calls for the table's interface, on an
+// object the user serves: > 0 when answered (or < 0 with the error), 0 when
+// the call is not one of those.
+int answerIntrospection(sd_bus_message *m, const Served &served, sd_bus_error *error);
+
+// ---- servers and subscribers (subscribe.cpp) ----------------------------------
+
+Registration *findReg(std::vector<std::unique_ptr<Registration>> &regs, const User *user,
+                      uint16_t num, uint16_t method);
+
+}  // namespace quibdbus
+
+#endif  // CORVANE_DBUS_INTERNAL_H
