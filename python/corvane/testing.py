@@ -90,7 +90,8 @@ class _Lines:
 class Record(dict):
     """A payload a mock received, as a dict, with `method`, `sender` (user
     name, or bus name when the sender owns none), `sender_pid` and, for a
-    command, `status`: the answer it was given."""
+    command, `status`: the answer it was given (None while an answer
+    function is still deciding it)."""
 
     def __init__(self, payload, method, sender, sender_pid, status=None):
         super().__init__(payload)
@@ -177,12 +178,16 @@ class _Mock:
                     self._replies[msg["re"]] = msg
                     self._cond.notify_all()
             elif msg.get("ev") == "call":
+                # Recorded before it is answered: its caller may be waiting
+                # for an answer function that waits for the record.
                 rec = Record(msg["payload"], msg["method"], msg["sender"], msg["sender_pid"])
-                rec.status = self._answer(rec)
                 with self._cond:
                     self._records.append(rec)
                     self._cond.notify_all()
-                self._write({"op": "answer", "re": msg["id"], "status": rec.status})
+                status = self._answer(rec)
+                with self._cond:
+                    rec.status = status
+                self._write({"op": "answer", "re": msg["id"], "status": status})
             elif msg.get("ev") == "notification":
                 rec = Record(msg["payload"], msg["method"], msg["sender"], msg["sender_pid"])
                 with self._cond:
@@ -294,8 +299,9 @@ class _Mock:
 
     def close(self):
         self._close_process()
-        if self._reader.is_alive():
-            self._reader.join(STOP_TIMEOUT_S)
+        # The pipe is closed: the thread ends, unless an answer function
+        # still runs on it (it is a daemon thread).
+        self._reader.join(1.0)
 
 
 class MockMgmt(_Mock):

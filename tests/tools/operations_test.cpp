@@ -91,9 +91,13 @@ TEST(InspectEncode, RefusesBadJsonNamingTheField) {
         const char* error;
     } cases[] = {
         {stats, Json::parse(R"({"value1": -1})"),
-         "field 'value1' expects an unsigned 32-bit number"},
+         "field 'value1' is out of range: -1 (0 to 4294967295)"},
         {stats, Json::parse(R"({"value2": 4294967296})"),
-         "field 'value2' expects an unsigned 32-bit number"},
+         "field 'value2' is out of range: 4294967296 (0 to 4294967295)"},
+        {stats, Json::parse(R"({"value2": "7"})"),
+         "field 'value2' expects a number, got the string \"7\" (numbers are not quoted)"},
+        {stats, Json::parse(R"({"value2": 7.5})"),
+         "field 'value2' expects an unsigned 32-bit integer, got 7.5"},
         {stats, Json::parse(R"({"stats": 3})"), "'stats' must be an object"},
         {fqdn, Json::parse(R"({"fqdnServersNumberOfEntries": 1, "fqdnServers": [{}, {}]})"),
          "field 'fqdnServers' has 2 entries but its count 'fqdnServersNumberOfEntries' is 1"},
