@@ -143,10 +143,11 @@ class Peer:
         """The test's answer to a command; other requests wait their turn."""
         waited = 0.0
         while not self.closed and waited < ANSWER_WAIT_S:
-            for msg in self.read_lines(0.5):
+            self.queued += self.read_lines(0.5)
+            for i, msg in enumerate(self.queued):
                 if msg.get("op") == "answer" and msg.get("re") == wanted:
+                    del self.queued[i]
                     return msg["status"]
-                self.queued.append(msg)
             waited += 0.5
         return 1  # nobody answered: "not processed"
 

@@ -91,11 +91,24 @@ class Record(dict):
     """A payload a mock received, as a dict, with `method`, `sender` (user
     name, or bus name when the sender owns none), `sender_pid` and, for a
     command, `status`: the answer it was given (None while an answer
-    function is still deciding it)."""
+    function is still deciding it). It compares equal to the payload."""
 
     def __init__(self, payload, method, sender, sender_pid, status=None):
         super().__init__(payload)
         self.method, self.sender, self.sender_pid, self.status = method, sender, sender_pid, status
+
+    @property
+    def payload(self):
+        return dict(self)
+
+    # No record has a field named "method" or "payload": rec["method"] and
+    # rec["payload"] read as in the entries monitor --json prints.
+    def __missing__(self, key):
+        if key == "payload":
+            return dict(self)
+        if key == "method":
+            return self.method
+        raise KeyError(key)
 
 
 class WaitTimeout(AssertionError):
