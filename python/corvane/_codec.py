@@ -405,7 +405,7 @@ def payload_of(method, payload):
             raise ValueError("%s: nothing to encode: %s" % (named, why))
         inner = message(named)
         if method is not None and message(method) is not inner:
-            raise ValueError("the object is a %s body, not %s" % (inner.name, message(method).name))
+            raise ValueError("the object is a %s entry, not %s" % (inner.name, message(method).name))
         return inner, payload["payload"]
     if method is None:
         raise ValueError("no method: give one (the payload alone names none)")

@@ -167,7 +167,7 @@ def test_entries_as_decode_and_monitor_print_them():
         with pytest.raises(ValueError, match="^" + line + "$"):
             corvane.encode(entry)
         assert cli("encode", input=json.dumps(entry))[2] == "corvane: %s\n" % line
-    with pytest.raises(ValueError, match="is a OnMakeCall body, not SetLineCallState"):
+    with pytest.raises(ValueError, match="is a OnMakeCall entry, not SetLineCallState"):
         corvane.encode("SetLineCallState", monitored)
     assert cli("encode", "-m", "SetLineCallState", input=json.dumps(monitored))[:1] == (2,)
     with pytest.raises(ValueError, match="no method"):
