@@ -1,7 +1,7 @@
 // Tests of corvane's operations: encode and decode of all 49 messages with
 // the element walk agreeing with the JSON, JSON the encoder refuses, the hex
 // layouts (those the real xxd and hexdump print: hex_layouts.sh) and text no
-// dump looks like, and bus names. Bodies the decoder refuses and sending
+// dump looks like, bus names, and the names that forgive typos. Bodies the decoder refuses and sending
 // each message are tested through the command line (CMakeLists.txt,
 // bus_verbs_test.cpp).
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include "bus_names.h"
 #include "hex_input.h"
 #include "inspect.h"
+#include "names.h"
 
 namespace {
 
@@ -91,9 +92,13 @@ TEST(InspectEncode, RefusesBadJsonNamingTheField) {
         const char* error;
     } cases[] = {
         {stats, Json::parse(R"({"value1": -1})"),
-         "field 'value1' expects an unsigned 32-bit number"},
+         "field 'value1' is out of range: -1 (0 to 4294967295)"},
         {stats, Json::parse(R"({"value2": 4294967296})"),
-         "field 'value2' expects an unsigned 32-bit number"},
+         "field 'value2' is out of range: 4294967296 (0 to 4294967295)"},
+        {stats, Json::parse(R"({"value2": "7"})"),
+         "field 'value2' expects a number, got the string \"7\" (numbers are not quoted)"},
+        {stats, Json::parse(R"({"value2": 7.5})"),
+         "field 'value2' expects an unsigned 32-bit integer, got 7.5"},
         {stats, Json::parse(R"({"stats": 3})"), "'stats' must be an object"},
         {fqdn, Json::parse(R"({"fqdnServersNumberOfEntries": 1, "fqdnServers": [{}, {}]})"),
          "field 'fqdnServers' has 2 entries but its count 'fqdnServersNumberOfEntries' is 1"},
@@ -195,3 +200,26 @@ TEST(BusNames, EscapeAndBack) {
 }
 
 }  // namespace
+
+// The same rule as python/corvane/_names.py (tests/python compares the two on
+// the real names): exact, else the one case-insensitive match; else the
+// names fewest edits away, a swap of two neighbours counting as one.
+TEST(Names, ResolveAndSuggest) {
+    const std::vector<std::string> names = {"SetLineCallState", "SetLineStats", "SetLineModif",
+                                            "Abc", "ABC"};
+    EXPECT_EQ(cvi::resolveName("SetLineStats", names), "SetLineStats");
+    EXPECT_EQ(cvi::resolveName("setlinestats", names), "SetLineStats");
+    EXPECT_EQ(cvi::resolveName("Abc", names), "Abc");
+    EXPECT_EQ(cvi::resolveName("abc", names), std::nullopt);  // two names fold to it
+    EXPECT_EQ(cvi::resolveName("SetLine", names), std::nullopt);
+    EXPECT_EQ(cvi::editDistance("setlinecallstaet", "setlinecallstate"), 1u);
+    EXPECT_EQ(cvi::editDistance("", "abc"), 3u);
+    EXPECT_EQ(cvi::editDistance("kitten", "sitting"), 3u);
+    EXPECT_EQ(cvi::didYouMean("SetLineCallStaet", names), "did you mean SetLineCallState?");
+    EXPECT_EQ(cvi::didYouMean("SetLineStat", names), "did you mean SetLineStats?");
+    // Ties are all named, in order; nothing within reach names what contains it.
+    EXPECT_EQ(cvi::didYouMean("SetLineStif", names), "did you mean SetLineModif or SetLineStats?");
+    EXPECT_EQ(cvi::didYouMean("Line", names),
+              "did you mean SetLineCallState, SetLineModif or SetLineStats?");
+    EXPECT_EQ(cvi::didYouMean("zzzz", names), "");
+}

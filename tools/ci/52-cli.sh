@@ -4,12 +4,14 @@
 # dbus-daemon must be installed here -- and the dumps of the real xxd and
 # hexdump), then what `cmake --install` puts in a prefix:
 # the executable finding libCorvane through its RUNPATH, the man page and the
-# bash completion.
+# bash completion, and the Python package finding the libraries beside itself,
+# with pytest loading its plugin through the installed entry point.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
 cmake --preset default >/dev/null
-cmake --build build/default -j2 --target corvane corvane_docs corvane_cli_tests corvane_bus_verbs_tests
+cmake --build build/default -j2 --target corvane corvane_docs corvane_cli_tests corvane_bus_verbs_tests \
+  corvane_python
 CORVANE_REQUIRE_DBUS=1 ctest --test-dir build/default -R '^cli_' --output-on-failure
 
 work=$(mktemp -d)
@@ -25,4 +27,10 @@ version=$(env -u LD_LIBRARY_PATH "$prefix/bin/corvane" --version) || fail "insta
 [[ $version =~ ^corvane\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || fail "--version printed '$version'"
 grep -q '^\.TH CORVANE 1 ' "$prefix/share/man/man1/corvane.1" || fail "corvane.1 has no .TH line"
 bash tests/tools/completion.sh "$prefix/share/bash-completion/completions/corvane"
-echo "-- corvane: tests, install, man page and completion: ok ($version)"
+
+pydir=$prefix/lib/python3/dist-packages
+ls "$pydir"/corvane-*.dist-info/entry_points.txt >/dev/null || fail "no dist-info for the Python package"
+cp tests/python/installed_check.py "$work/test_installed.py"
+(cd "$work" && env -u LD_LIBRARY_PATH PYDIR="$pydir" PYTHONPATH="$pydir" PYTHONDONTWRITEBYTECODE=1 \
+   /usr/bin/python3 -m pytest -q -p no:cacheprovider test_installed.py) || fail "the installed Python package"
+echo "-- corvane: tests, install, man page, completion and Python package: ok ($version)"

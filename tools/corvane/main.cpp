@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -19,8 +20,10 @@
 #include "hex_input.h"
 #include "inspect.h"
 #include "monitor.h"
+#include "names.h"
 #include "quib_dbus.h"
 #include "send_table.h"
+#include "serve.h"
 #include "verbs.h"
 
 #ifndef CORVANE_VERSION
@@ -61,10 +64,37 @@ std::string dumpLine(const Json& j) {
     return j.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+std::vector<std::string> methodNames() {
+    std::vector<std::string> out;
+    for (const CorVaneMessageInfo* m : cvi::allMessages()) out.emplace_back(m->name);
+    return out;
+}
+
+// A method by name: exact, else case-insensitively when that is unambiguous;
+// an unknown name gets the closest ones.
 const CorVaneMessageInfo& message(const std::string& name) {
-    const CorVaneMessageInfo* m = cvi::findMessage(name);
-    if (!m) throw Failure(kExitUsage, "unknown method '" + name + "' (corvane list shows them all)");
-    return *m;
+    const auto found = cvi::resolveName(name, methodNames());
+    if (found) return *cvi::findMessage(*found);
+    const std::string hint = cvi::didYouMean(name, methodNames());
+    throw Failure(kExitUsage, "unknown method '" + name + "' (" + (hint.empty() ? "" : hint + " ") +
+                                  "corvane list shows them all)");
+}
+
+// The message and payload of encode, call and emit: the method named on the
+// command line (may be empty) and the JSON given, a payload or the whole
+// entry that decode --json or monitor --json printed.
+std::pair<const CorVaneMessageInfo*, Json> payloadFor(const std::string& named, const Json& json) {
+    const cvi::PayloadInput in = cvi::payloadInput(json);
+    const CorVaneMessageInfo* m = named.empty() ? nullptr : &message(named);
+    if (in.entry) {
+        const CorVaneMessageInfo& own = message(in.method);
+        if (!in.problem.empty()) throw Failure(kExitRefused, std::string(own.name) + ": " + in.problem);
+        if (m && m != &own)
+            throw Failure(kExitUsage, std::string("the JSON is a ") + own.name + " entry, not " + m->name);
+        m = &own;
+    }
+    if (!m) throw Failure(kExitUsage, "no method: give -m METHOD (the payload alone names none)");
+    return {m, in.payload};
 }
 
 std::string magicText(uint32_t magic) {
@@ -142,9 +172,19 @@ int verbSchema(const Args& a) {
             std::cout << (a.json() ? dumpLine(cvi::schemaJson(*s)) : s->name) << '\n';
         return kExitOk;
     }
-    const CorVaneSchema* s = cvi::findSchema(name);
-    if (!s) throw Failure(kExitUsage, "unknown record '" + name + "' (corvane schema lists them)");
-    const CorVaneMessageInfo* m = cvi::findMessage(name);
+    std::vector<std::string> names = methodNames();
+    for (uint32_t i = 0; const CorVaneSchema* r = corVane_recordSchemaAt(i); ++i) names.emplace_back(r->name);
+    for (const CorVaneMessageInfo* x : cvi::allMessages()) names.emplace_back(x->payload->name);
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    const auto found = cvi::resolveName(name, names);
+    if (!found) {
+        const std::string hint = cvi::didYouMean(name, names);
+        throw Failure(kExitUsage, "unknown record '" + name + "' (" + (hint.empty() ? "" : hint + " ") +
+                                      "corvane schema lists them)");
+    }
+    const CorVaneSchema* s = cvi::findSchema(*found);
+    const CorVaneMessageInfo* m = cvi::findMessage(*found);
     if (a.json()) {
         Json j = cvi::schemaJson(*s);
         if (m) j["message"] = m->name;
@@ -193,19 +233,13 @@ int verbDecode(const Args& a) {
 }
 
 int verbEncode(const Args& a) {
-    const CorVaneMessageInfo& m = message(a.value("method"));
     const std::string path = a.value("FILE", "-");
-    const cvi::Json payload = cvi::payloadArgument("@" + path);
+    const auto [method, payload] = payloadFor(a.value("method"), cvi::payloadArgument("@" + path));
+    const CorVaneMessageInfo& m = *method;
     const cvi::Encoded e = cvi::encodeBody(m, payload);
     if (!e.errors.empty()) {
         Json detail{{"method", m.name}, {"errors", e.errors}, {"log", e.log}};
-        std::string line = std::string(m.name) + ": " + e.errors.front();
-        if (e.errors.size() > 1) line += " (and " + std::to_string(e.errors.size() - 1) + " more)";
-        if (!a.json()) {
-            for (size_t i = 1; i < e.errors.size(); ++i)
-                std::cerr << "corvane: " << m.name << ": " << e.errors[i] << '\n';
-        }
-        throw Failure(kExitRefused, line, detail);
+        throw Failure(kExitRefused, cvi::errorLine(m.name, e.errors), detail);
     }
     const std::string output = a.value("output", "-");
     std::ofstream file;
@@ -257,22 +291,22 @@ std::string statusNumber(uint32_t status) {
 // call and emit: the method's payload from its JSON, sent from a user of
 // this process; one line (or object) for the outcome.
 int sendVerb(const Args& a, uint8_t intf) {
-    const CorVaneMessageInfo& m = message(a.value("METHOD"));
+    // A lone @FILE or JSON object in the method's place: an entry that names it.
+    std::string named = a.value("METHOD"), given = a.value("PAYLOAD");
+    if (given.empty() && (named.starts_with("@") || named.starts_with("{"))) std::swap(named, given);
+    const auto [method, json] =
+        payloadFor(named, given.empty() ? Json::object() : cvi::payloadArgument(given));
+    const CorVaneMessageInfo& m = *method;
     const bool command = intf == CORVANE_INTF_CMD;
     if (m.intf != intf) {
         throw Failure(kExitUsage, std::string(m.name) + " is a " + (command ? "notification" : "command") +
                                       ": send it with corvane " + (command ? "emit" : "call"));
     }
-    const std::string given = a.value("PAYLOAD");
-    const Json json = given.empty() ? Json::object() : cvi::payloadArgument(given);
     std::unique_ptr<void, decltype(&std::free)> payload(std::calloc(1, m.payload->size), std::free);
     if (!payload) throw Failure(kExitRefused, "out of memory");
     const std::vector<std::string> errors = cvi::recordFromJson(*m.payload, json, payload.get());
-    if (!errors.empty()) {
-        std::string line = std::string(m.name) + ": " + errors.front();
-        if (errors.size() > 1) line += " (and " + std::to_string(errors.size() - 1) + " more)";
-        throw Failure(kExitRefused, line, Json{{"method", m.name}, {"errors", errors}});
-    }
+    if (!errors.empty())
+        throw Failure(kExitRefused, cvi::errorLine(m.name, errors), Json{{"method", m.name}, {"errors", errors}});
     uint32_t timeoutMs = 0;
     if (const std::string t = a.value("timeout"); !t.empty()) {
         char* end = nullptr;
@@ -314,10 +348,33 @@ int sendVerb(const Args& a, uint8_t intf) {
 int verbCall(const Args& a) { return sendVerb(a, CORVANE_INTF_CMD); }
 int verbEmit(const Args& a) { return sendVerb(a, CORVANE_INTF_NTFY); }
 
+// A whole number within [lo, hi] given to an option.
+uint64_t number(const Args& a, const std::string& key, uint64_t lo, uint64_t hi, const char* what) {
+    const std::string t = a.value(key);
+    char* end = nullptr;
+    const unsigned long long v = std::strtoull(t.c_str(), &end, 10);
+    if (t.empty() || t[0] < '0' || t[0] > '9' || *end || v < lo || v > hi)
+        throw Failure(kExitUsage, "--" + key + " takes " + what + ", " + std::to_string(lo) + " to " +
+                                      std::to_string(hi) + ": '" + t + "'");
+    return v;
+}
+
+int verbServe(const Args& a) {
+    cvi::ServeOptions o;
+    o.name = a.value("name", "mgmt");
+    for (const std::string& spec : a.list("answer")) cvi::addAnswers(o, spec);
+    if (!a.value("count").empty()) o.count = number(a, "count", 1, UINT32_MAX, "a number of commands");
+    if (!a.value("timeout").empty())
+        o.timeoutMs = static_cast<uint32_t>(number(a, "timeout", 1, 86400000, "milliseconds"));
+    o.json = a.json();
+    o.address = cvi::busAddress(a.value("bus"));
+    return cvi::runServe(o);
+}
+
 const std::map<std::string, int (*)(const Args&)> kHandlers = {
     {"list", verbList},     {"schema", verbSchema},   {"decode", verbDecode},
     {"encode", verbEncode}, {"monitor", verbMonitor}, {"call", verbCall},
-    {"emit", verbEmit},
+    {"emit", verbEmit},     {"serve", verbServe},
 };
 
 void addOptions(CLI::App& app, std::span<const cvi::OptionDef> options, Args& args) {

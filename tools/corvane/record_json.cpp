@@ -3,6 +3,7 @@
 #include <cstring>
 #include <limits>
 
+#include "names.h"
 #include "wire.h"
 
 namespace cvi {
@@ -30,6 +31,22 @@ uint32_t entries(const CorVaneSchema& s, uint32_t i, const uint8_t* rec) {
     return count < f.capacity ? count : f.capacity;
 }
 
+// Why a JSON value is not an unsigned 32-bit number; empty when it is one.
+std::string wordProblem(const Json& v) {
+    if (v.is_string())
+        return "expects a number, got the string " + v.dump() + " (numbers are not quoted)";
+    if (v.is_number_unsigned()) {
+        if (v.get<uint64_t>() <= std::numeric_limits<uint32_t>::max()) return "";
+        return "is out of range: " + v.dump() + " (0 to 4294967295)";
+    }
+    if (v.is_number_integer()) {  // signed: built in C++ from an int, or negative
+        const int64_t x = v.get<int64_t>();
+        if (x >= 0 && x <= int64_t{std::numeric_limits<uint32_t>::max()}) return "";
+        return "is out of range: " + v.dump() + " (0 to 4294967295)";
+    }
+    return "expects an unsigned 32-bit integer, got " + v.dump();
+}
+
 const CorVaneField* fieldNamed(const CorVaneSchema& s, const std::string& name) {
     for (uint32_t i = 0; i < s.fieldCount; ++i)
         if (name == s.fields[i].name) return &s.fields[i];
@@ -43,13 +60,16 @@ public:
     void record(const CorVaneSchema& s, const Json& j, uint8_t* rec, const std::string& path) {
         if (!j.is_object()) {
             fail(path.empty() ? std::string("the payload") : "'" + path + "'",
-                 std::string("must be an object (") + s.name + ")");
+                 std::string("must be an object (") + s.name + "), got " + j.dump());
             return;
         }
         for (const auto& [key, value] : j.items()) {
-            if (!fieldNamed(s, key))
-                errors.push_back("unknown field '" + join(path, key) + "' (" + s.name +
-                                 " has no such field)");
+            if (fieldNamed(s, key)) continue;
+            std::vector<std::string> names;
+            for (uint32_t i = 0; i < s.fieldCount; ++i) names.emplace_back(s.fields[i].name);
+            const std::string hint = didYouMean(key, names);
+            errors.push_back("unknown field '" + join(path, key) + "' (" + s.name +
+                             " has no such field" + (hint.empty() ? "" : "; " + hint) + ")");
         }
         for (uint32_t i = 0; i < s.fieldCount; ++i) {
             const CorVaneField& f = s.fields[i];
@@ -84,25 +104,11 @@ private:
     }
 
     void word(const Json& v, uint8_t* m, const std::string& p) {
-        uint64_t value = 0;
-        bool ok = false;
-        if (v.is_number_unsigned()) {
-            value = v.get<uint64_t>();
-            ok = true;
-        } else if (v.is_number_integer() && v.get<int64_t>() >= 0) {  // built in C++ from an int
-            value = static_cast<uint64_t>(v.get<int64_t>());
-            ok = true;
-        } else if (v.is_string()) {  // "0x1f", "31"
-            const std::string s = v.get<std::string>();
-            char* end = nullptr;
-            value = std::strtoull(s.c_str(), &end, 0);
-            ok = !s.empty() && s[0] != '-' && *end == '\0';
-        }
-        if (!ok || value > std::numeric_limits<uint32_t>::max()) {
-            fail("field '" + p + "'", "expects an unsigned 32-bit number, got " + v.dump());
+        if (const std::string problem = wordProblem(v); !problem.empty()) {
+            fail("field '" + p + "'", problem);
             return;
         }
-        storeWord(m, static_cast<uint32_t>(value));
+        storeWord(m, static_cast<uint32_t>(v.get<uint64_t>()));
     }
 
     void text(const Json& v, uint8_t* m, uint32_t capacity, const std::string& p) {
@@ -139,13 +145,14 @@ private:
             return;
         }
         if (f.kind == CORVANE_FIELD_ARRAY) {
-            // Entries beyond the count are not sent: refuse them rather than
-            // drop them silently.
+            // The count is what goes on the wire, and the library sends
+            // min(count, capacity) entries: entries beyond the count would
+            // not be sent, so they are refused rather than dropped.
             const CorVaneField& count = s.fields[i - 1];
             uint8_t* c = rec + count.offset;
             if (!parent.contains(count.name)) {
                 storeWord(c, static_cast<uint32_t>(v.size()));
-            } else if (loadWord(c) < v.size()) {
+            } else if (wordProblem(parent[count.name]).empty() && loadWord(c) < v.size()) {
                 fail("field '" + p + "'", "has " + std::to_string(v.size()) +
                                               " entries but its count '" + count.name +
                                               "' is " + std::to_string(loadWord(c)));
@@ -159,6 +166,37 @@ private:
 };
 
 }  // namespace
+
+std::string errorLine(const std::string& method, const std::vector<std::string>& errors) {
+    const std::string prefix = method.empty() ? "" : method + ": ";
+    if (errors.size() == 1) return prefix + errors.front();
+    std::string line = prefix + std::to_string(errors.size()) + " fields are wrong: ";
+    for (size_t i = 0; i < errors.size(); ++i) line += (i ? "; " : "") + errors[i];
+    return line;
+}
+
+PayloadInput payloadInput(const Json& json) {
+    PayloadInput in;
+    // No record has a field named "method": an object with one is an entry
+    // as decode --json or monitor --json printed it.
+    if (!json.is_object() || !json.contains("method") || !json["method"].is_string()) {
+        in.payload = json;
+        return in;
+    }
+    in.method = json["method"].get<std::string>();
+    in.entry = true;
+    if (json.contains("payload")) {
+        in.payload = json["payload"];
+    } else if (json.contains("decode_error")) {
+        in.problem = "nothing to encode: its body did not decode";
+    } else if (json.contains("type") && json["type"].is_string()) {
+        in.problem = "nothing to encode: it is a " + json["type"].get<std::string>() +
+                     " entry, not a body";
+    } else {
+        in.problem = "nothing to encode: it has no payload";
+    }
+    return in;
+}
 
 Json recordToJson(const CorVaneSchema& s, const void* record) {
     const auto* rec = static_cast<const uint8_t*>(record);

@@ -23,10 +23,11 @@ const OptionDef kDecode[] = {
 };
 
 const OptionDef kEncode[] = {
-    {"-m,--method", "METHOD", "The method whose body to build", Complete::kMethod, false, true},
+    {"-m,--method", "METHOD", "The method whose body to build (default: the \"method\" of an entry that decode --json or monitor --json printed)",
+     Complete::kMethod},
     {"--hex", nullptr, "Write hex digits instead of binary"},
     {"-o,--output", "OUT", "Write to OUT instead of standard output", Complete::kFile},
-    {"FILE", "FILE", "The payload as JSON; - or none for standard input", Complete::kFile},
+    {"FILE", "FILE", "The payload as JSON, or the whole entry that decode --json or monitor --json printed; - or none for standard input", Complete::kFile},
 };
 
 const OptionDef kMonitor[] = {
@@ -44,6 +45,14 @@ const OptionDef kCall[] = {
 const OptionDef kEmit[] = {
     {"METHOD", "METHOD", "The notification", Complete::kNotification, false, true},
     {"PAYLOAD", "JSON|@FILE", "The payload as JSON, or @FILE (@- for standard input); none: all zero"},
+};
+
+const OptionDef kServe[] = {
+    {"--name", "USER", "The user to serve as (default: mgmt)"},
+    {"--answer", "METHOD=STATUS", "Answer METHOD with STATUS (decimal or 0x hex; * for the other commands), or @FILE: a JSON object of them; repeatable (default: 0)",
+     Complete::kNone, true},
+    {"--count", "N", "Exit 0 once N commands are answered"},
+    {"--timeout", "MS", "Exit after MS milliseconds: 0, or 1 when --count commands did not come"},
 };
 
 const VerbDef kVerbs[] = {
@@ -65,8 +74,12 @@ const VerbDef kVerbs[] = {
     {"encode", "Build the body of a JSON payload",
      "Fills the method's payload from a JSON object (member names are the keys, nested "
      "records are objects, arrays are arrays; missing fields are zero or empty) and writes "
-     "the body as the library serialises it. Unknown fields and over-long texts are refused, "
-     "naming them.",
+     "the body as the library serialises it. The whole entry that decode --json or monitor "
+     "--json printed for a body is taken as it is (its method, unless -m names it, and its "
+     "payload), and gives the same bytes. Numbers are JSON numbers. A count field is kept as "
+     "given and min(count, capacity) entries are written, those not given all zero, as the "
+     "library does; entries past the count are refused. Unknown fields, over-long texts, "
+     "quoted or out-of-range numbers are refused, naming every field at fault.",
      kEncode},
     {"monitor", "Print every body that crosses the bus, decoded",
      "Watches the bus (--bus or $CORVANE_BUS) as a D-Bus monitor and prints every command, "
@@ -80,7 +93,8 @@ const VerbDef kVerbs[] = {
      "through the library's send function, from a user of its own named corvane-PID, and "
      "prints the status of the answer. The payload's fields are the keys of the JSON "
      "object, as encode takes them (the scalar payloads' are value1, value2, ..., text1, "
-     "..., repeaterId, enable); missing fields are zero or empty. Exits 0 when the status "
+     "..., repeaterId, enable), or the whole entry decode --json or monitor --json printed "
+     "(then METHOD may be left out); missing fields are zero or empty. Exits 0 when the status "
      "is 0, else 1 with one line naming the status: no server (nobody owns the name), a "
      "timeout, a body the server refused, no handler (20).",
      kCall},
@@ -89,6 +103,14 @@ const VerbDef kVerbs[] = {
      "corvane-PID, its payload given as for call. Exits 0 when the middleware has sent it, "
      "else 1 with one line naming the status.",
      kEmit},
+    {"serve", "Serve the commands as the management side and print each one",
+     "Serves every command as a user of its own on the bus (--name, by default mgmt), as the "
+     "management daemon does, and answers each with 0, or the status --answer gives it. "
+     "Prints each command received, decoded: text, or with --json one object per line with "
+     "the keys of monitor --json's call entries and the answer's status. Runs until --count "
+     "commands are answered or --timeout passes, or until interrupted (exit 0); exits 1 when "
+     "--count commands did not come in --timeout, or the bus went away.",
+     kServe},
 };
 
 }  // namespace
