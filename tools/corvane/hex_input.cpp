@@ -300,8 +300,8 @@ std::string headerValue(const std::vector<std::string>& lines, size_t line, cons
 // Refuses a dump of several messages.
 void one(size_t found, const char* what) {
     if (found > 1)
-        throw std::runtime_error("the dump holds " + std::to_string(found) + " " + what +
-                                 ": give one message's");
+        throw SeveralMessages("the dump holds " + std::to_string(found) + " " + what +
+                              ": give one message's");
 }
 
 // dbus-monitor: "   array of bytes [", rows of two-digit bytes, "   ]".
@@ -368,25 +368,27 @@ std::optional<HexDump> busctlMonitor(const std::vector<std::string>& lines) {
     return out;
 }
 
-// A row of `tshark -x`: a 4- to 8-digit offset, two spaces, up to 16 bytes
-// separated by one space, the ascii column at a fixed place and exactly as
-// long as the row's bytes.
+// A row of `tshark -x` (and of Wireshark's "Copy as Hex + ASCII Dump"): a 4-
+// to 8-digit offset, two or three spaces, 1 to 16 bytes separated by one
+// space, then nothing or, after two spaces or more, an ascii column exactly
+// as long as the row's bytes (which tells it from hexdump -C's |...|).
 bool tsharkRow(const std::string& l, uint64_t& offset, std::vector<uint8_t>& bytes) {
     size_t w = 0;
     while (w < l.size() && hexDigit(l[w]) >= 0) ++w;
     if (w < 4 || w > 8 || l.compare(w, 2, "  ") != 0) return false;
+    size_t p = w + 2 + (w + 2 < l.size() && l[w + 2] == ' ' ? 1 : 0);
     bytes.clear();
-    size_t p = w + 2;
     while (bytes.size() < 16 && p + 2 <= l.size() && hexDigit(l[p]) >= 0 && hexDigit(l[p + 1]) >= 0 &&
            (p + 2 == l.size() || l[p + 2] == ' ')) {
         appendHex(bytes, std::string_view(l).substr(p, 2));
         p += 3;
     }
-    const size_t ascii = w + 52;
-    // Spaces up to the ascii column, which may itself start with one.
-    if (bytes.empty() || l.size() != ascii + bytes.size() || p > ascii ||
-        l.find_first_not_of(' ', p - 1) < ascii)
-        return false;
+    if (bytes.empty()) return false;
+    if (p < l.size()) {
+        // Spaces, then the ascii column, which may itself start with one.
+        const size_t ascii = l.size() - bytes.size();
+        if (ascii < p + 1 || l.find_first_not_of(' ', p - 1) < ascii) return false;
+    }
     offset = std::stoull(l.substr(0, w), nullptr, 16);
     return true;
 }

@@ -19,6 +19,11 @@ struct BinaryNotHex : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// A dump of several D-Bus messages where one is due.
+struct SeveralMessages : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // The bytes the text shows. The layout is recognised from the whole text:
 //  - offset, two spaces, bytes, `|ascii|` (hexdump -C; `*` repeats the row
 //    above up to the next offset);

@@ -125,6 +125,8 @@ cvi::HexDump hexBody(const std::string& raw, const std::string& where) {
         return cvi::parseDump(raw);
     } catch (const cvi::BinaryNotHex& e) {
         throw Failure(kExitUsage, where + ": " + e.what() + "; leave out --hex for a binary body");
+    } catch (const cvi::SeveralMessages& e) {
+        throw Failure(kExitUsage, where + ": " + e.what());
     } catch (const std::runtime_error& e) {
         throw Failure(kExitRefused, where + ": not a hex dump: " + e.what());
     }
