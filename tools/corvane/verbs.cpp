@@ -94,7 +94,8 @@ const VerbDef kVerbs[] = {
     {"capture", "Write the corvane traffic on the bus to a pcapng file",
      "Watches the bus as monitor does and writes every command, notification and answer, and "
      "each change of a user name's owner, as a packet of a pcapng file in the D-Bus link type "
-     "(231), which Wireshark, tshark, busctl and corvane decode read; each packet's comment "
+     "(231) as busctl capture writes it, which Wireshark, tshark and corvane decode read "
+     "(corvane.lua shows its fields in Wireshark); each packet's comment "
      "names its sender and receiver with their process ids. Each packet is written as it "
      "comes, so the file is whole whenever the capture stops: interrupted (Ctrl-C, SIGTERM), "
      "after --count messages or --timeout (exit 0), or when the bus goes away (exit 1).",
