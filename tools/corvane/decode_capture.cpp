@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <optional>
 
@@ -108,7 +109,7 @@ int decodeCapture(std::span<const uint8_t> bytes, const std::string& where,
     const Capture capture = readCapture(bytes);
     CaptureNames names;
     Traffic traffic(names, options.only, options.fold);
-    uint64_t shown = 0, notDbus = 0, invalid = 0, other = 0;
+    uint64_t shown = 0, notDbus = 0, invalid = 0, other = 0, owners = 0, filtered = 0;
     for (const CaptureFrame& f : capture.frames) {
         if (f.linkType != kLinkTypeDbus) {
             ++notDbus;
@@ -123,7 +124,9 @@ int decodeCapture(std::span<const uint8_t> bytes, const std::string& where,
         names.packet(f, *m);
         const Traffic::Result r = traffic.take(*m);
         if (!r.entry) {
-            ++other;
+            ++(r.kind == Traffic::Kind::kOwnerChange ? owners
+               : r.kind == Traffic::Kind::kFiltered  ? filtered
+                                                     : other);
             continue;
         }
         ++shown;
@@ -146,23 +149,24 @@ int decodeCapture(std::span<const uint8_t> bytes, const std::string& where,
             std::cerr << "corvane: " << line << '\n';
         return 1;
     }
+    // What was skipped, by why.
+    const std::pair<const char*, uint64_t> skipped[] = {
+        {"other D-Bus messages", other}, {"changes of a user name's owner", owners},
+        {"of other methods", filtered},  {"not D-Bus", notDbus},
+        {"not a valid D-Bus message", invalid}};
     if (options.json) {
-        std::cerr << dumpLine(Json{{"file", where},
-                                   {"format", capture.format},
-                                   {"frames", frames},
-                                   {"messages", shown},
-                                   {"skipped", frames - shown},
-                                   {"not_dbus", notDbus},
-                                   {"invalid_dbus", invalid}})
-                  << '\n';
+        Json j{{"file", where}, {"format", capture.format}, {"frames", frames}, {"messages", shown},
+               {"skipped", frames - shown}};
+        const char* keys[] = {"other_dbus", "name_changes", "other_methods", "not_dbus", "invalid_dbus"};
+        for (size_t i = 0; i < std::size(skipped); ++i) j[keys[i]] = skipped[i].second;
+        std::cerr << dumpLine(j) << '\n';
     } else {
-        std::string line = "corvane: " + where + " (" + capture.format + "): " +
-                           std::to_string(frames) + " frames, " + std::to_string(shown) +
-                           " corvane messages, " + std::to_string(frames - shown) + " skipped (" +
-                           std::to_string(other) + " other D-Bus messages";
-        if (notDbus) line += ", " + std::to_string(notDbus) + " not D-Bus";
-        if (invalid) line += ", " + std::to_string(invalid) + " not a valid D-Bus message";
-        std::cerr << line << ")\n";
+        std::string why;
+        for (const auto& [what, n] : skipped)
+            if (n) why += (why.empty() ? " (" : ", ") + std::to_string(n) + " " + what;
+        std::cerr << "corvane: " << where << " (" << capture.format << "): " << frames << " frames, "
+                  << shown << " corvane messages, " << frames - shown << " skipped"
+                  << (why.empty() ? "" : why + ")") << '\n';
     }
     return 0;
 }
