@@ -130,6 +130,11 @@ protected:
         args.insert(args.begin(), {"/usr/bin/tshark", "-X", "lua_script:" CORVANE_LUA});
         return run(std::move(args));
     }
+    // The messages corvane decode finds in a capture file.
+    size_t messagesIn(const std::string& file) {
+        const Run r = corvane({"--json", "decode", file});
+        return static_cast<size_t>(std::count(r.out.begin(), r.out.end(), '\n'));
+    }
     // A signal no monitor filters out; returns once every watcher has it.
     void probe(const std::vector<Proc*>& watchers) {
         run({"/usr/bin/dbus-send", "--bus=" + address_, "/probe", "org.example.Probe.Ready"});
@@ -282,6 +287,7 @@ TEST_F(Captures, AllMessagesReadBackByTsharkCorvaneAndTheDissector) {
     EXPECT_NE(refused.out.find("uint32 4"), std::string::npos) << refused.out << refused.err;
     EXPECT_EQ(corvane({"--bus", address_, "emit", "OnAddObjectVoiceProfile", R"({"profileValue4":2})"}).status, 0);
     probe({busctl, pcap, monitorText, busctlText});
+    EXPECT_TRUE(waitUntil([&] { return messagesIn(ours) == 71; }, 5000));
 
     EXPECT_EQ(capture->stop(SIGINT), 0) << capture->stderr_();
     EXPECT_TRUE(std::regex_search(capture->stderr_(), std::regex("corvane: 71 messages captured \\(\\d+ packets\\) to ")))
@@ -472,6 +478,7 @@ TEST_F(Captures, CountTimeoutAndSignalsEndAWatchWithAWholeFile) {
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0]["type"], "call");
     EXPECT_EQ(lines[1]["type"], "return");
+    EXPECT_TRUE(waitUntil([&] { return messagesIn(stopped) == 68; }, 5000));
     EXPECT_EQ(term->stop(SIGTERM), 0) << term->stderr_();
 
     const std::pair<std::string, int> files[] = {{counted, 3}, {idle, 0}, {stopped, 68}};
