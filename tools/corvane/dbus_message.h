@@ -1,5 +1,5 @@
 // One D-Bus message as it travels on the bus: the fixed header, the header
-// fields and the body, in the wire format of the D-Bus specification (fixed
+// fields and the body, in D-Bus's own wire format (fixed
 // 12-byte header, an a(yv) array of header fields, the body aligned to 8).
 // Captures (pcap and pcapng, link type D-Bus) hold messages in this form.
 // Reading is bounded: any byte string gives a message or a reason.
