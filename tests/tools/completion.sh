@@ -27,6 +27,8 @@ check "SetLineCallState SetLineStats SetLineModif" corvane call SetLine
 check "" corvane emit SetLine
 check "OnMakeCall" corvane --json emit OnMake
 check "--timeout" corvane call --ti
-check "call" corvane ca
+check "capture call" corvane ca
+check "--count" corvane monitor --cou
+check "SetLineCallState SetLineStats SetLineModif" corvane capture -o x.pcapng SetLine
 [[ $status == 0 ]] && echo "completion: ok"
 exit $status

@@ -1,6 +1,9 @@
 #include "hex_input.h"
 
+#include <cctype>
 #include <cstdio>
+#include <cstdlib>
+#include <optional>
 #include <regex>
 #include <string>
 
@@ -270,16 +273,181 @@ std::vector<uint8_t> plain(std::string_view text) {
     return out;
 }
 
-}  // namespace
+// ---- what the D-Bus tools print ------------------------------------------------
 
-std::vector<uint8_t> parseHex(std::string_view text) {
-    for (size_t i = 0; i < text.size(); ++i) {
+std::string trimmed(const std::string& s) {
+    const size_t a = s.find_first_not_of(" \t");
+    if (a == std::string::npos) return "";
+    return s.substr(a, s.find_last_not_of(" \t") - a + 1);
+}
+
+// The value after `key` ("member=") on the nearest line at or before `line`
+// that has it, not looking past a line for which `stop` holds.
+template <class Stop>
+std::string headerValue(const std::vector<std::string>& lines, size_t line, const std::string& key,
+                        Stop stop) {
+    for (size_t i = line + 1; i-- > 0;) {
+        const size_t at = lines[i].find(key);
+        if (at != std::string::npos && (at == 0 || lines[i][at - 1] == ' ' || lines[i][at - 1] == ';')) {
+            const size_t from = at + key.size();
+            return lines[i].substr(from, lines[i].find_first_of(" \t;", from) - from);
+        }
+        if (stop(lines[i])) break;
+    }
+    return "";
+}
+
+// Refuses a dump of several messages.
+void one(size_t found, const char* what) {
+    if (found > 1)
+        throw SeveralMessages("the dump holds " + std::to_string(found) + " " + what +
+                              ": give one message's");
+}
+
+// dbus-monitor: "   array of bytes [", rows of two-digit bytes, "   ]".
+std::optional<HexDump> dbusMonitor(const std::vector<std::string>& lines) {
+    std::optional<HexDump> out;
+    size_t found = 0;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const std::string t = trimmed(lines[i]);
+        if (t.rfind("array of bytes", 0) != 0) continue;
+        ++found;
+        if (t != "array of bytes [")
+            throw std::runtime_error("line " + std::to_string(i + 1) +
+                                     ": dbus-monitor printed these bytes as text, not hex");
+        HexDump d;
+        d.tool = "dbus-monitor";
+        d.member = headerValue(lines, i, "member=", [](const std::string& l) {
+            return l.rfind("method call ", 0) == 0 || l.rfind("signal ", 0) == 0;
+        });
+        size_t j = i + 1;
+        for (; j < lines.size() && trimmed(lines[j]) != "]"; ++j) {
+            for (const std::string& tok : tokens(lines[j], " \t")) {
+                if (tok.size() != 2 || !isHex(tok))
+                    throw std::runtime_error("line " + std::to_string(j + 1) +
+                                             ": not a byte of dbus-monitor's array: '" + tok + "'");
+                appendHex(d.bytes, tok);
+            }
+        }
+        if (j == lines.size())
+            throw std::runtime_error("line " + std::to_string(i + 1) + ": the array of bytes has no closing ']'");
+        if (!out) out = std::move(d);
+        i = j;
+    }
+    one(found, "byte arrays");
+    return out;
+}
+
+// busctl monitor: `ARRAY "y" {`, one "BYTE n;" line per byte (decimal), "};".
+std::optional<HexDump> busctlMonitor(const std::vector<std::string>& lines) {
+    std::optional<HexDump> out;
+    size_t found = 0;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (trimmed(lines[i]) != "ARRAY \"y\" {") continue;
+        ++found;
+        HexDump d;
+        d.tool = "busctl monitor";
+        d.member = headerValue(lines, i, "Member=", [](const std::string& l) {
+            return l.find("Type=") != std::string::npos;
+        });
+        size_t j = i + 1;
+        for (; j < lines.size() && trimmed(lines[j]) != "};"; ++j) {
+            const std::string t = trimmed(lines[j]);
+            char* end = nullptr;
+            const unsigned long v = t.rfind("BYTE ", 0) == 0 ? std::strtoul(t.c_str() + 5, &end, 10) : 256;
+            if (v > 255 || !end || end == t.c_str() + 5 || std::string(end) != ";")
+                throw std::runtime_error("line " + std::to_string(j + 1) + ": not a 'BYTE n;' line: '" + t + "'");
+            d.bytes.push_back(static_cast<uint8_t>(v));
+        }
+        if (j == lines.size())
+            throw std::runtime_error("line " + std::to_string(i + 1) + ": the ARRAY \"y\" has no closing '};'");
+        if (!out) out = std::move(d);
+        i = j;
+    }
+    one(found, "byte arrays");
+    return out;
+}
+
+// A row of `tshark -x` (and of Wireshark's "Copy as Hex + ASCII Dump"): a 4-
+// to 8-digit offset, two or three spaces, 1 to 16 bytes separated by one
+// space, then nothing or, after two spaces or more, an ascii column exactly
+// as long as the row's bytes (which tells it from hexdump -C's |...|).
+bool tsharkRow(const std::string& l, uint64_t& offset, std::vector<uint8_t>& bytes) {
+    size_t w = 0;
+    while (w < l.size() && hexDigit(l[w]) >= 0) ++w;
+    if (w < 4 || w > 8 || l.compare(w, 2, "  ") != 0) return false;
+    size_t p = w + 2 + (w + 2 < l.size() && l[w + 2] == ' ' ? 1 : 0);
+    bytes.clear();
+    while (bytes.size() < 16 && p + 2 <= l.size() && hexDigit(l[p]) >= 0 && hexDigit(l[p + 1]) >= 0 &&
+           (p + 2 == l.size() || l[p + 2] == ' ')) {
+        appendHex(bytes, std::string_view(l).substr(p, 2));
+        p += 3;
+    }
+    if (bytes.empty()) return false;
+    if (p < l.size()) {
+        // Spaces, then the ascii column, which may itself start with one.
+        const size_t ascii = l.size() - bytes.size();
+        if (ascii < p + 1 || l.find_first_not_of(' ', p - 1) < ascii) return false;
+    }
+    offset = std::stoull(l.substr(0, w), nullptr, 16);
+    return true;
+}
+
+std::optional<HexDump> tsharkDump(const std::vector<std::string>& lines) {
+    HexDump d;
+    d.tool = "tshark -x";
+    size_t packets = 0;
+    uint64_t offset = 0;
+    std::vector<uint8_t> row;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (!tsharkRow(lines[i], offset, row)) continue;
+        if (offset == 0) ++packets;
+        if (packets == 1 && offset != d.bytes.size()) {
+            char b[96];
+            std::snprintf(b, sizeof b, "line %zu: offset 0x%llx, but 0x%zx bytes come before it", i + 1,
+                          static_cast<unsigned long long>(offset), d.bytes.size());
+            throw std::runtime_error(b);
+        }
+        if (packets == 1) d.bytes.insert(d.bytes.end(), row.begin(), row.end());
+    }
+    if (packets == 0) return std::nullopt;
+    one(packets, "packets (or data sources)");
+    return d;
+}
+
+// Text: printable ASCII, tabs and line ends, and UTF-8 (busctl's "‣").
+void requireText(std::string_view text) {
+    for (size_t i = 0; i < text.size();) {
         const auto c = static_cast<unsigned char>(text[i]);
-        if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c >= 0x7f)
+        size_t extra = c >= 0xf0 && c < 0xf5 ? 3 : c >= 0xe0 && c < 0xf0 ? 2 : c >= 0xc2 && c < 0xe0 ? 1 : 0;
+        bool ok = (c >= 0x20 && c < 0x7f) || c == '\t' || c == '\n' || c == '\r' || extra > 0;
+        for (size_t k = 1; ok && k <= extra; ++k)
+            ok = i + k < text.size() && (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80;
+        if (!ok)
             throw BinaryNotHex("binary data, not hex text (byte " + hexByte(c) + " at offset " +
                                std::to_string(i) + ")");
+        i += 1 + extra;
     }
-    const std::vector<std::string> lines = splitLines(text);
+}
+
+// Terminal colours (ESC [ ... letter) as busctl prints them on a terminal.
+std::string withoutColours(std::string_view text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\x1b' && i + 1 < text.size() && text[i + 1] == '[') {
+            size_t j = i + 2;
+            while (j < text.size() && ((text[j] >= '0' && text[j] <= '9') || text[j] == ';')) ++j;
+            if (j < text.size() && std::isalpha(static_cast<unsigned char>(text[j]))) {
+                i = j;
+                continue;
+            }
+        }
+        out += text[i];
+    }
+    return out;
+}
+
+std::vector<uint8_t> layouts(const std::vector<std::string>& lines) {
     std::vector<uint8_t> out;
     switch (layoutOf(lines)) {
         case Layout::kPipe: out = offsetDump(lines, Layout::kPipe); break;
@@ -295,5 +463,22 @@ std::vector<uint8_t> parseHex(std::string_view text) {
     if (out.empty()) throw std::runtime_error("no hex bytes in the input");
     return out;
 }
+
+}  // namespace
+
+HexDump parseDump(std::string_view raw) {
+    const std::string text = withoutColours(raw);
+    requireText(text);
+    const std::vector<std::string> lines = splitLines(text);
+    for (auto reader : {dbusMonitor, busctlMonitor, tsharkDump}) {
+        if (std::optional<HexDump> d = reader(lines)) {
+            if (d->bytes.empty()) throw std::runtime_error(d->tool + ": an empty byte array");
+            return std::move(*d);
+        }
+    }
+    return HexDump{layouts(lines), "", ""};
+}
+
+std::vector<uint8_t> parseHex(std::string_view text) { return parseDump(text).bytes; }
 
 }  // namespace cvi

@@ -85,6 +85,11 @@ Json schemaJson(const CorVaneSchema& s);
 void printDecoded(std::ostream& os, const CorVaneMessageInfo& m, const Decoded& d);
 void printFailure(std::ostream& os, const CorVaneMessageInfo& m, std::span<const uint8_t> bytes,
                   const Decoded& d);
+// A record as printRecord shows it; with `fold`, runs of three or more
+// fields that are all zero or empty take one line, as do runs of two or more
+// such array entries and a nested record or array that holds nothing else.
+void printFolded(std::ostream& os, const CorVaneSchema& s, const void* record, int indent,
+                 bool fold);
 void printAnnotated(std::ostream& os, const CorVaneMessageInfo& m,
                     std::span<const uint8_t> bytes, const Walk& walk);
 // "" when the body's magic is the message's own (or it has none), else a

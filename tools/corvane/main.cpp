@@ -11,13 +11,17 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <iostream>
 #include <map>
 
 #include "bus_send.h"
 #include "cli.h"
+#include "dbus_message.h"
+#include "decode_capture.h"
 #include "hex_input.h"
+#include "pcap.h"
 #include "inspect.h"
 #include "monitor.h"
 #include "names.h"
@@ -144,13 +148,15 @@ std::vector<uint8_t> binaryBody(const std::string& raw, const std::string& where
     return {raw.begin(), raw.end()};
 }
 
-std::vector<uint8_t> hexBody(const std::string& raw, const std::string& where) {
+cvi::HexDump hexBody(const std::string& raw, const std::string& where) {
     if (raw.find_first_not_of(" \t\r\n") == std::string::npos)
         throw Failure(kExitRefused, where + ": empty input");
     try {
-        return cvi::parseHex(raw);
+        return cvi::parseDump(raw);
     } catch (const cvi::BinaryNotHex& e) {
         throw Failure(kExitUsage, where + ": " + e.what() + "; leave out --hex for a binary body");
+    } catch (const cvi::SeveralMessages& e) {
+        throw Failure(kExitUsage, where + ": " + e.what());
     } catch (const std::runtime_error& e) {
         throw Failure(kExitRefused, where + ": not a hex dump: " + e.what());
     }
@@ -198,6 +204,22 @@ int verbSchema(const Args& a) {
     return kExitOk;
 }
 
+// A whole D-Bus message (a frame of tshark -x, say): its "ay" body, and
+// the method its member names.
+std::vector<uint8_t> outOfDbusMessage(std::vector<uint8_t> bytes, const std::string& where,
+                                      std::string& member) {
+    if (!cvi::looksLikeDbusMessage(bytes)) return bytes;
+    std::string why;
+    const std::optional<cvi::DbusMessage> m = cvi::parseDbusMessage(bytes, &why);
+    if (!m) throw Failure(kExitRefused, where + ": a D-Bus message that cannot be read: " + why);
+    const auto body = m->byteArray();
+    if (!body)
+        throw Failure(kExitRefused, where + ": a D-Bus message whose body is '" + m->signature +
+                                        "', not a corvane body ('ay')");
+    if (m->member) member = *m->member;
+    return {body->begin(), body->end()};
+}
+
 int verbDecode(const Args& a) {
     const bool annotate = a.flag("annotate");
     if (annotate && a.json()) throw Failure(kExitUsage, "--annotate and --json exclude each other");
@@ -206,7 +228,25 @@ int verbDecode(const Args& a) {
     const std::string path = a.value("FILE", "-");
     const std::string where = path == "-" ? "standard input" : path;
     const std::string raw = cvi::readInput(path);
-    const std::vector<uint8_t> bytes = a.flag("hex") ? hexBody(raw, where) : binaryBody(raw, where);
+    const std::span<const uint8_t> rawBytes(reinterpret_cast<const uint8_t*>(raw.data()), raw.size());
+    if (!a.flag("hex") && cvi::isCaptureFile(rawBytes)) {
+        if (annotate) throw Failure(kExitUsage, where + " is a capture: --annotate shows one body");
+        cvi::CaptureDecodeOptions o;
+        o.json = a.json();
+        o.fold = !a.flag("all");
+        if (named) o.only.push_back(named);
+        return cvi::decodeCapture(rawBytes, where, o);
+    }
+    std::string member;  // of the D-Bus message around the body, if any
+    std::vector<uint8_t> bytes;
+    if (a.flag("hex")) {
+        cvi::HexDump dump = hexBody(raw, where);
+        member = dump.member;
+        bytes = outOfDbusMessage(std::move(dump.bytes), where, member);
+    } else {
+        bytes = outOfDbusMessage(binaryBody(raw, where), where, member);
+    }
+    if (!named && !member.empty()) named = cvi::findMessage(member);
     const CorVaneMessageInfo& m = named ? *named : messageOfMagic(bytes);
 
     const cvi::Decoded d = cvi::decodeBody(m, bytes);
@@ -274,10 +314,37 @@ int verbEncode(const Args& a) {
     return kExitOk;
 }
 
+// A whole number given to an option, from 1 to max; 0 when not given.
+uint64_t numberOption(const Args& a, const std::string& key, uint64_t max, const char* what) {
+    const std::string t = a.value(key);
+    if (t.empty()) return 0;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long v = std::strtoull(t.c_str(), &end, 10);
+    if (t[0] < '0' || t[0] > '9' || *end || errno || v < 1 || v > max)
+        throw Failure(kExitUsage, "--" + key + " takes " + what + ", 1 to " + std::to_string(max) +
+                                      ": '" + t + "'");
+    return v;
+}
+
+cvi::WatchOptions watchOptions(const Args& a) {
+    cvi::WatchOptions o;
+    for (const std::string& name : a.list("METHOD")) o.only.push_back(&message(name));
+    o.json = a.json();
+    o.fold = !a.flag("all");
+    o.count = numberOption(a, "count", 1'000'000'000, "a number of messages");
+    o.timeoutMs = numberOption(a, "timeout", 86'400'000, "milliseconds");
+    return o;
+}
+
 int verbMonitor(const Args& a) {
-    std::vector<const CorVaneMessageInfo*> only;
-    for (const std::string& name : a.list("METHOD")) only.push_back(&message(name));
-    return cvi::runMonitor(cvi::busAddress(a.value("bus")), only, a.json());
+    const cvi::WatchOptions o = watchOptions(a);
+    return cvi::runMonitor(cvi::busAddress(a.value("bus")), o);
+}
+
+int verbCapture(const Args& a) {
+    const cvi::WatchOptions o = watchOptions(a);
+    return cvi::runCapture(cvi::busAddress(a.value("bus")), o, a.value("output", "-"));
 }
 
 // A status as the README's tables give it: the library's in decimal, the
@@ -374,7 +441,7 @@ int verbServe(const Args& a) {
 const std::map<std::string, int (*)(const Args&)> kHandlers = {
     {"list", verbList},     {"schema", verbSchema},   {"decode", verbDecode},
     {"encode", verbEncode}, {"monitor", verbMonitor}, {"call", verbCall},
-    {"emit", verbEmit},     {"serve", verbServe},
+    {"emit", verbEmit},     {"serve", verbServe},     {"capture", verbCapture},
 };
 
 void addOptions(CLI::App& app, std::span<const cvi::OptionDef> options, Args& args) {
@@ -414,7 +481,9 @@ int main(int argc, char** argv) {
     bool version = false;
     std::string generate;
     app.add_flag("--version", version, "Print the version and exit");
-    app.add_option("--generate", generate)->check(CLI::IsMember({"man", "bash-completion"}))->group("");
+    app.add_option("--generate", generate)
+        ->check(CLI::IsMember({"man", "bash-completion", "wireshark-lua"}))
+        ->group("");
     for (const cvi::VerbDef& v : cvi::verbTable()) {
         CLI::App* sub = app.add_subcommand(v.name, v.summary);
         addOptions(*sub, v.options, args);
@@ -437,7 +506,9 @@ int main(int argc, char** argv) {
             return kExitOk;
         }
         if (!generate.empty()) {
-            std::cout << (generate == "man" ? cvi::manPage(CORVANE_VERSION) : cvi::bashCompletion());
+            std::cout << (generate == "man"             ? cvi::manPage(CORVANE_VERSION)
+                          : generate == "wireshark-lua" ? cvi::dissectorTables(CORVANE_VERSION)
+                                                        : cvi::bashCompletion());
             return kExitOk;
         }
         for (CLI::App* sub : app.get_subcommands()) return kHandlers.at(sub->get_name())(args);

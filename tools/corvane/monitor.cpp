@@ -1,10 +1,12 @@
 // The monitor holds two connections to the bus: one that becomes a monitor
 // (org.freedesktop.DBus.Monitoring.BecomeMonitor; a monitor may send nothing
 // more) and an ordinary one that asks the bus who owns a name and which
-// process is behind a connection. Bodies are decoded with the library's
-// bounded decoder, exactly as `corvane decode` does.
+// process is behind a connection. Each message goes through the same
+// Traffic as a capture file read by `corvane decode` (bus_traffic.h):
+// bodies are decoded with the library's bounded decoder.
 #include "monitor.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -12,22 +14,29 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <deque>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
 
 #include "bus_names.h"
-#include "inspect.h"
+#include "bus_traffic.h"
+#include "cli.h"
+#include "pcap.h"
+#include "sd_message.h"
+
+#ifndef CORVANE_VERSION
+#error "CORVANE_VERSION must be defined by the build"
+#endif
 
 namespace cvi {
 namespace {
 
 constexpr uint64_t kCallTimeoutUsec = 2'000'000;
-constexpr size_t kMaxPendingCalls = 4096;
 constexpr const char* kBusService = "org.freedesktop.DBus";
 constexpr const char* kBusPath = "/org/freedesktop/DBus";
 
@@ -54,8 +63,6 @@ struct BusGone : std::runtime_error {
 
 std::string errnoText(int r) { return std::strerror(r < 0 ? -r : r); }
 
-std::string dumpLine(const Json& j) { return j.dump(-1, ' ', false, Json::error_handler_t::replace); }
-
 Bus connect(const std::string& address, bool monitor) {
     sd_bus* raw = nullptr;
     int r = sd_bus_new(&raw);
@@ -71,7 +78,7 @@ Bus connect(const std::string& address, bool monitor) {
 
 // Who is who on the bus: the users behind unique names (kept up to date from
 // NameOwnerChanged) and the process behind each connection (asked once).
-class Peers {
+class Peers : public Names {
 public:
     explicit Peers(sd_bus* control) : bus_(control) {}
 
@@ -101,26 +108,25 @@ public:
         }
     }
 
-    void ownerChanged(const char* name, const char* oldOwner, const char* newOwner) {
+    void ownerChanged(const std::string& name, const std::string& oldOwner,
+                      const std::string& newOwner) override {
         const auto user = userOfBusName(name);
         if (!user) return;
-        if (*oldOwner) {
+        if (!oldOwner.empty()) {
             const auto it = users_.find(oldOwner);
             if (it != users_.end() && it->second == *user) users_.erase(it);
         }
-        if (*newOwner) users_[newOwner] = *user;
+        if (!newOwner.empty()) users_[newOwner] = *user;
     }
 
-    // A bus name as shown: the user name, else the name itself.
-    std::string shown(const char* name) const {
-        if (!name) return "*";
+    std::string shown(const std::string& name) override {
         if (const auto user = userOfBusName(name)) return *user;
         const auto it = users_.find(name);
-        return it != users_.end() ? it->second : std::string(name);
+        return it != users_.end() ? it->second : name;
     }
 
-    std::optional<uint32_t> pid(const char* name) {
-        if (!name || std::strcmp(name, kBusService) == 0) return std::nullopt;
+    std::optional<uint32_t> pid(const std::string& name) override {
+        if (name.empty() || name == kBusService) return std::nullopt;
         std::string unique = name;
         if (unique[0] != ':') {  // a well-known name: its current owner
             unique.clear();
@@ -151,21 +157,60 @@ private:
     std::map<std::string, std::optional<uint32_t>> pids_;    // unique name -> pid
 };
 
-class Monitor {
+// The two connections of a watch: the monitor connection has become a
+// monitor of our interfaces, the answers and the users' names changing
+// hands; the control connection asks the bus about names and processes.
+struct Watch {
+    Bus control;
+    Bus monitor;
+};
+
+// Asks the bus to make `monitor` a monitor of what corvane shows.
+void becomeMonitor(sd_bus* monitor) {
+    const std::string ours[] = {
+        std::string("interface='") + kCmdInterface + "'",
+        std::string("interface='") + kNtfyInterface + "'",
+        "type='method_return'",
+        "type='error'",
+        std::string("type='signal',sender='") + kBusService + "',interface='" + kBusService +
+            "',member='NameOwnerChanged',arg0namespace='" +
+            std::string(kUserPrefix.substr(0, kUserPrefix.size() - 1)) + "'",
+    };
+    sd_bus_message* raw = nullptr;
+    int r = sd_bus_message_new_method_call(monitor, &raw, kBusService, kBusPath,
+                                           "org.freedesktop.DBus.Monitoring", "BecomeMonitor");
+    Message call(raw);
+    if (r >= 0) r = sd_bus_message_open_container(raw, 'a', "s");
+    for (const std::string& rule : ours)
+        if (r >= 0) r = sd_bus_message_append(raw, "s", rule.c_str());
+    if (r >= 0) r = sd_bus_message_close_container(raw);
+    if (r >= 0) r = sd_bus_message_append(raw, "u", 0u);
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    if (r >= 0) r = sd_bus_call(monitor, raw, kCallTimeoutUsec, &error, nullptr);
+    const std::string why = error.message ? error.message : errnoText(r);
+    sd_bus_error_free(&error);
+    if (r < 0) throw BusGone("the bus refused to be monitored: " + why);
+}
+
+// The connection setup shared by monitor and capture; `ready` runs between
+// connecting and becoming a monitor (the peers are listed then).
+Watch openWatch(const std::string& address, const std::function<void(sd_bus* control)>& ready) {
+    Watch w{connect(address, false), connect(address, true)};
+    ready(w.control.get());
+    becomeMonitor(w.monitor.get());
+    return w;
+}
+
+// Runs a watch until a signal, the count or the timeout; each message goes
+// to `each`, which says whether it was an entry (counted).
+class Loop {
 public:
-    Monitor(const std::string& address, const std::vector<const CorVaneMessageInfo*>& only,
-            bool json)
-        : address_(address), only_(only), json_(json), control_(connect(address, false)),
-          monitor_(connect(address, true)), peers_(control_.get()) {}
+    Loop(Watch& watch, const WatchOptions& options) : w_(watch), options_(options) {}
 
-    int run() {
-        peers_.load();
-        becomeMonitor();
-        if (json_)
-            std::cerr << dumpLine(Json{{"monitoring", address_}}) << std::endl;
-        else
-            std::cerr << "corvane: monitoring " << address_ << std::endl;
-
+    // Whether the watch ended as asked (a signal, the count, the timeout
+    // without a count) or the timeout came before the count (kShort).
+    enum class End { kDone, kShort };
+    End run(const std::function<bool(const DbusMessage&)>& each) {
         sigset_t stop;
         sigemptyset(&stop);
         sigaddset(&stop, SIGINT);
@@ -173,263 +218,163 @@ public:
         sigprocmask(SIG_BLOCK, &stop, nullptr);
         const Fd signals{signalfd(-1, &stop, SFD_CLOEXEC)};
         if (signals.fd < 0) throw BusGone("signalfd: " + errnoText(errno));
-        while (!drain(signals.fd)) {}
-        return 0;
+        const auto start = std::chrono::steady_clock::now();
+        for (;;) {
+            if (drain(each)) return End::kDone;
+            int wait = -1;
+            if (options_.timeoutMs) {
+                const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                       std::chrono::steady_clock::now() - start).count();
+                if (spent >= static_cast<int64_t>(options_.timeoutMs))
+                    return options_.count && entries_ < options_.count ? End::kShort : End::kDone;
+                wait = static_cast<int>(static_cast<int64_t>(options_.timeoutMs) - spent);
+            }
+            pollfd fds[3] = {
+                {sd_bus_get_fd(w_.monitor.get()), static_cast<short>(sd_bus_get_events(w_.monitor.get())), 0},
+                {sd_bus_get_fd(w_.control.get()), static_cast<short>(sd_bus_get_events(w_.control.get())), 0},
+                {signals.fd, POLLIN, 0}};
+            if (poll(fds, 3, wait) < 0 && errno != EINTR) throw BusGone("poll: " + errnoText(errno));
+            if (fds[2].revents & POLLIN) return End::kDone;
+            if (fds[1].revents & (POLLHUP | POLLERR)) {
+                if (sd_bus_process(w_.control.get(), nullptr) < 0) throw BusGone("the bus went away");
+            }
+        }
     }
+
+    uint64_t entries() const { return entries_; }
 
 private:
-    std::string address_;
-    std::vector<const CorVaneMessageInfo*> only_;
-    bool json_;
-    Bus control_;
-    Bus monitor_;
-    Peers peers_;
-    // Calls waiting for their answer: (caller, serial) -> method.
-    std::map<std::pair<std::string, uint64_t>, const CorVaneMessageInfo*> pending_;
-    std::deque<std::pair<std::string, uint64_t>> pendingOrder_;
+    Watch& w_;
+    const WatchOptions& options_;
+    uint64_t entries_ = 0;
 
-    void becomeMonitor() {
-        const std::string ours[] = {
-            std::string("interface='") + kCmdInterface + "'",
-            std::string("interface='") + kNtfyInterface + "'",
-            "type='method_return'",
-            "type='error'",
-            std::string("type='signal',sender='") + kBusService + "',interface='" + kBusService +
-                "',member='NameOwnerChanged',arg0namespace='" +
-                std::string(kUserPrefix.substr(0, kUserPrefix.size() - 1)) + "'",
-        };
-        sd_bus_message* raw = nullptr;
-        int r = sd_bus_message_new_method_call(monitor_.get(), &raw, kBusService, kBusPath,
-                                               "org.freedesktop.DBus.Monitoring", "BecomeMonitor");
-        Message call(raw);
-        if (r >= 0) r = sd_bus_message_open_container(raw, 'a', "s");
-        for (const std::string& rule : ours)
-            if (r >= 0) r = sd_bus_message_append(raw, "s", rule.c_str());
-        if (r >= 0) r = sd_bus_message_close_container(raw);
-        if (r >= 0) r = sd_bus_message_append(raw, "u", 0u);
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        if (r >= 0) r = sd_bus_call(monitor_.get(), raw, kCallTimeoutUsec, &error, nullptr);
-        const std::string why = error.message ? error.message : errnoText(r);
-        sd_bus_error_free(&error);
-        if (r < 0) throw BusGone("the bus refused to be monitored: " + why);
-    }
-
-    // Handles what has arrived, then waits for more; true once a signal
-    // asks to stop.
-    bool drain(int signals) {
+    // Handles what has arrived; true once the count is reached.
+    bool drain(const std::function<bool(const DbusMessage&)>& each) {
         for (;;) {
             sd_bus_message* raw = nullptr;
-            const int r = sd_bus_process(monitor_.get(), &raw);
+            const int r = sd_bus_process(w_.monitor.get(), &raw);
             Message m(raw);
             if (r < 0) throw BusGone("the bus went away: " + errnoText(r));
             if (m) {
                 if (sd_bus_message_is_signal(m.get(), "org.freedesktop.DBus.Local", "Disconnected") > 0)
                     throw BusGone("the bus went away");
-                handle(m.get());
+                if (const auto message = dbusMessageOf(m.get()); message && each(*message)) {
+                    ++entries_;
+                    if (options_.count && entries_ >= options_.count) return true;
+                }
                 continue;
             }
             if (r == 0) break;
         }
         // The control connection only answers our questions; drop the rest.
-        while (sd_bus_process(control_.get(), nullptr) > 0) {}
-
-        pollfd fds[3] = {{sd_bus_get_fd(monitor_.get()), static_cast<short>(sd_bus_get_events(monitor_.get())), 0},
-                         {sd_bus_get_fd(control_.get()), static_cast<short>(sd_bus_get_events(control_.get())), 0},
-                         {signals, POLLIN, 0}};
-        if (poll(fds, 3, -1) < 0 && errno != EINTR) throw BusGone("poll: " + errnoText(errno));
-        if (fds[2].revents & POLLIN) return true;
-        if (fds[1].revents & (POLLHUP | POLLERR)) {
-            if (sd_bus_process(control_.get(), nullptr) < 0) throw BusGone("the bus went away");
-        }
+        while (sd_bus_process(w_.control.get(), nullptr) > 0) {}
         return false;
-    }
-
-    bool shown(const CorVaneMessageInfo* info) const {
-        if (only_.empty()) return true;
-        for (const CorVaneMessageInfo* o : only_)
-            if (o == info) return true;
-        return false;
-    }
-
-    Json endpoints(sd_bus_message* m) {
-        const char* sender = sd_bus_message_get_sender(m);
-        const char* destination = sd_bus_message_get_destination(m);
-        Json j = Json::object();
-        j["sender"] = peers_.shown(sender);
-        j["sender_bus_name"] = sender ? Json(sender) : Json();
-        if (const auto pid = peers_.pid(sender)) j["sender_pid"] = *pid;
-        j["destination"] = destination ? Json(peers_.shown(destination)) : Json();
-        j["destination_bus_name"] = destination ? Json(destination) : Json();
-        if (const auto pid = peers_.pid(destination)) j["destination_pid"] = *pid;
-        return j;
-    }
-
-    static std::string party(const Json& j, const char* who) {
-        const Json& name = j[who];
-        std::string out = name.is_null() ? "*" : name.get<std::string>();
-        const std::string pidKey = std::string(who) + "_pid";
-        if (j.contains(pidKey)) {
-            out += '[';
-            out += std::to_string(j[pidKey].get<uint32_t>());
-            out += ']';
-        }
-        return out;
-    }
-
-    void handle(sd_bus_message* m) {
-        uint8_t type = 0;
-        sd_bus_message_get_type(m, &type);
-        if (type == SD_BUS_MESSAGE_SIGNAL &&
-            sd_bus_message_is_signal(m, kBusService, "NameOwnerChanged") > 0) {
-            const char *name, *oldOwner, *newOwner;
-            if (sd_bus_message_read(m, "sss", &name, &oldOwner, &newOwner) > 0)
-                peers_.ownerChanged(name, oldOwner, newOwner);
-            return;
-        }
-        if (type == SD_BUS_MESSAGE_METHOD_CALL || type == SD_BUS_MESSAGE_SIGNAL)
-            body(m, type == SD_BUS_MESSAGE_METHOD_CALL);
-        else if (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR)
-            answer(m, type == SD_BUS_MESSAGE_METHOD_ERROR);
-    }
-
-    void remember(const char* caller, uint64_t serial, const CorVaneMessageInfo* info) {
-        if (!caller) return;
-        auto key = std::make_pair(std::string(caller), serial);
-        if (pending_.emplace(key, info).second) pendingOrder_.push_back(key);
-        if (pendingOrder_.size() > kMaxPendingCalls) {
-            pending_.erase(pendingOrder_.front());
-            pendingOrder_.pop_front();
-        }
-    }
-
-    // A command (method call) or a notification (signal) on our interfaces.
-    void body(sd_bus_message* m, bool call) {
-        const char* member = sd_bus_message_get_member(m);
-        const char* iface = sd_bus_message_get_interface(m);
-        // Only our interfaces: the bus also tells the monitor about its own name.
-        if (!iface || (std::strcmp(iface, kCmdInterface) != 0 && std::strcmp(iface, kNtfyInterface) != 0))
-            return;
-        const CorVaneMessageInfo* info = member ? findMessage(member) : nullptr;
-        if (!shown(info)) return;
-        uint64_t serial = 0;
-        sd_bus_message_get_cookie(m, &serial);
-        if (call && sd_bus_message_get_expect_reply(m) > 0)
-            remember(sd_bus_message_get_sender(m), serial, info);
-
-        Json j{{"type", call ? "call" : "signal"},
-               {"method", member ? member : ""},
-               {"interface", iface ? iface : ""},
-               {"serial", serial}};
-        j.update(endpoints(m));
-        std::vector<std::string> notes;
-        const char* expected = info && info->intf == CORVANE_INTF_CMD ? kCmdInterface : kNtfyInterface;
-        if (!info)
-            notes.push_back("no message of that name");
-        else if (std::strcmp(iface, expected) != 0)
-            notes.push_back(std::string("a ") + interfaceKind(*info) + " on " + iface);
-        else if (call != (info->intf == CORVANE_INTF_CMD))
-            notes.push_back(std::string("a ") + interfaceKind(*info) + " sent as a " + (call ? "method call" : "signal"));
-
-        const void* data = nullptr;
-        size_t size = 0;
-        const bool ay = sd_bus_message_has_signature(m, "ay") > 0 &&
-                        sd_bus_message_read_array(m, 'y', &data, &size) >= 0;
-        std::optional<Decoded> decoded;
-        std::span<const uint8_t> bytes;
-        if (!ay) {
-            const char* sig = sd_bus_message_get_signature(m, 1);
-            notes.push_back(std::string("signature '") + (sig ? sig : "") + "', not 'ay'");
-        } else {
-            bytes = {static_cast<const uint8_t*>(data), size};
-            j["bytes"] = size;
-            if (info) {
-                decoded = decodeBody(*info, bytes);
-                if (decoded->status == CORVANE_OK)
-                    j["payload"] = decodedJson(*info, bytes, *decoded)["payload"];
-                else
-                    j["decode_error"] = failureJson(*info, bytes, *decoded);
-                j["decode_status"] = decoded->status;
-            }
-        }
-        if (!notes.empty()) j["notes"] = notes;
-
-        if (json_) {
-            std::cout << dumpLine(j) << std::endl;
-            return;
-        }
-        std::ostringstream os;
-        os << (call ? "call" : "signal") << ' ' << j["method"].get<std::string>() << ' '
-           << party(j, "sender") << " -> " << party(j, "destination") << ", serial " << serial;
-        if (ay) os << ", " << size << " bytes";
-        os << '\n';
-        for (const std::string& n : notes) os << "  note: " << n << '\n';
-        if (decoded && decoded->status == CORVANE_OK) {
-            printRecord(os, *info->payload,
-                        static_cast<const uint8_t*>(decoded->body.get()) + CORVANE_BODY_PAYLOAD_OFFSET, 2);
-        } else if (decoded && decoded->status == CORVANE_E_ELEMENT) {
-            std::ostringstream failure;
-            printFailure(failure, *info, bytes, *decoded);
-            std::istringstream lines(failure.str());
-            for (std::string line; std::getline(lines, line);) os << "  " << line << '\n';
-        } else if (decoded) {
-            os << "  " << failureLine(*info, bytes, *decoded) << '\n';
-        }
-        std::cout << os.str() << std::flush;
-    }
-
-    // The answer to a call we showed: its status, or the D-Bus error.
-    void answer(sd_bus_message* m, bool error) {
-        uint64_t replyTo = 0;
-        sd_bus_message_get_reply_cookie(m, &replyTo);
-        const char* caller = sd_bus_message_get_destination(m);
-        if (!caller) return;
-        const auto it = pending_.find({caller, replyTo});
-        if (it == pending_.end()) return;  // not an answer to one of ours
-        const CorVaneMessageInfo* info = it->second;
-        pending_.erase(it);
-
-        Json j{{"type", error ? "error" : "return"},
-               {"method", info ? info->name : ""},
-               {"reply_serial", replyTo}};
-        j.update(endpoints(m));
-        std::string outcome;
-        if (error) {
-            const sd_bus_error* e = sd_bus_message_get_error(m);
-            j["error_name"] = e && e->name ? e->name : "";
-            j["error_message"] = e && e->message ? e->message : "";
-            outcome = j["error_name"].get<std::string>() + ": " + j["error_message"].get<std::string>();
-        } else if (uint32_t status = 0; sd_bus_message_has_signature(m, "u") > 0 &&
-                                        sd_bus_message_read(m, "u", &status) > 0) {
-            j["status"] = status;
-            j["status_text"] = statusText(status);
-            outcome = "status " + std::to_string(status) + " (" + statusText(status) + ")";
-        } else {
-            const char* sig = sd_bus_message_get_signature(m, 1);
-            j["notes"] = {std::string("signature '") + (sig ? sig : "") + "', not 'u'"};
-            outcome = std::string("an answer with signature '") + (sig ? sig : "") + "'";
-        }
-        if (json_) {
-            std::cout << dumpLine(j) << std::endl;
-            return;
-        }
-        std::cout << (error ? "error " : "return ") << j["method"].get<std::string>() << ' '
-                  << party(j, "sender") << " -> " << party(j, "destination") << ", serial "
-                  << replyTo << ": " << outcome << std::endl;
     }
 };
 
+// The end of a watch: 0, or 1 with one line when the timeout came first.
+int ended(Loop::End end, const WatchOptions& options, uint64_t entries) {
+    if (end == Loop::End::kDone) return 0;
+    const std::string line = "timeout after " + std::to_string(options.timeoutMs) + " ms: " +
+                             std::to_string(entries) + " of " + std::to_string(options.count) +
+                             " messages";
+    if (options.json)
+        std::cerr << dumpLine(Json{{"error", line}, {"count", entries}}) << std::endl;
+    else
+        std::cerr << "corvane: " << line << std::endl;
+    return 1;
+}
+
+void reportFailure(const BusGone& e, const std::string& address, bool json) {
+    if (json)
+        std::cerr << dumpLine(Json{{"error", e.what()}, {"bus", address}}) << std::endl;
+    else
+        std::cerr << "corvane: " << e.what() << " (" << address << ")" << std::endl;
+}
+
 }  // namespace
 
-int runMonitor(const std::string& address, const std::vector<const CorVaneMessageInfo*>& only,
-               bool json) {
+int runMonitor(const std::string& address, const WatchOptions& options) {
     try {
-        Monitor monitor(address, only, json);
-        return monitor.run();
-    } catch (const BusGone& e) {
-        if (json)
-            std::cerr << dumpLine(Json{{"error", e.what()}, {"bus", address}}) << std::endl;
+        std::unique_ptr<Peers> peers;
+        Watch watch = openWatch(address, [&](sd_bus* control) {
+            peers = std::make_unique<Peers>(control);
+            peers->load();
+        });
+        if (options.json)
+            std::cerr << dumpLine(Json{{"monitoring", address}}) << std::endl;
         else
-            std::cerr << "corvane: " << e.what() << " (" << address << ")" << std::endl;
+            std::cerr << "corvane: monitoring " << address << std::endl;
+        Traffic traffic(*peers, options.only, options.fold);
+        Loop loop(watch, options);
+        const Loop::End end = loop.run([&](const DbusMessage& m) {
+            const Traffic::Result r = traffic.take(m);
+            if (!r.entry) return false;
+            std::cout << (options.json ? dumpLine(r.entry->json) + '\n' : r.entry->text) << std::flush;
+            return true;
+        });
+        return ended(end, options, loop.entries());
+    } catch (const BusGone& e) {
+        reportFailure(e, address, options.json);
+        return 1;
+    }
+}
+
+int runCapture(const std::string& address, const WatchOptions& options, const std::string& output) {
+    const bool toStdout = output == "-";
+    const std::string shownOutput = toStdout ? "standard output" : output;
+    int fd = STDOUT_FILENO;
+    if (toStdout && isatty(STDOUT_FILENO))
+        throw Failure(kExitUsage, "binary output to a terminal: give -o FILE, or redirect standard output");
+    const Fd file{toStdout ? -1 : open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
+    if (!toStdout) {
+        if (file.fd < 0) throw Failure(kExitUsage, "cannot write " + output + ": " + std::strerror(errno));
+        fd = file.fd;
+    }
+    uint64_t frames = 0;
+    try {
+        std::unique_ptr<Peers> peers;
+        Watch watch = openWatch(address, [&](sd_bus* control) {
+            peers = std::make_unique<Peers>(control);
+            peers->load();
+        });
+        PcapngWriter writer(fd, std::string("corvane ") + CORVANE_VERSION, address);
+        if (options.json)
+            std::cerr << dumpLine(Json{{"capturing", address}, {"output", shownOutput}}) << std::endl;
+        else
+            std::cerr << "corvane: capturing " << address << " to " << shownOutput << std::endl;
+        Traffic traffic(*peers, options.only, true);
+        Loop loop(watch, options);
+        const Loop::End end = loop.run([&](const DbusMessage& m) {
+            timespec now{};
+            clock_gettime(CLOCK_REALTIME, &now);
+            const Traffic::Result r = traffic.take(m);
+            if (r.kind != Traffic::Kind::kEntry && r.kind != Traffic::Kind::kOwnerChange)
+                return false;
+            const std::string comment = r.entry ? endpointsText(r.entry->json) : "";
+            try {
+                writer.write(marshalDbusMessage(m), static_cast<uint64_t>(now.tv_sec),
+                             static_cast<uint32_t>(now.tv_nsec / 1000), comment);
+            } catch (const std::runtime_error& e) {
+                throw BusGone("cannot write " + shownOutput + ": " + e.what());
+            }
+            ++frames;
+            return r.entry.has_value();
+        });
+        const uint64_t entries = loop.entries();
+        if (options.json)
+            std::cerr << dumpLine(Json{{"captured", entries}, {"packets", frames}, {"output", shownOutput}}) << std::endl;
+        else
+            std::cerr << "corvane: " << entries << " messages captured (" << frames << " packets) to "
+                      << shownOutput << std::endl;
+        return ended(end, options, entries);
+    } catch (const BusGone& e) {
+        reportFailure(e, address, options.json);
+        if (frames)
+            std::cerr << "corvane: " << frames << " packets kept in " << shownOutput << std::endl;
+        return 1;
+    } catch (const std::runtime_error& e) {  // the header could not be written
+        std::cerr << "corvane: cannot write " << shownOutput << ": " << e.what() << std::endl;
         return 1;
     }
 }

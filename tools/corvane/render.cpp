@@ -2,6 +2,7 @@
 // as text and as JSON.
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "inspect.h"
 
@@ -174,7 +175,122 @@ std::string envelopeReason(const CorVaneMessageInfo& m, std::span<const uint8_t>
     return "envelope refused";
 }
 
+// ---- folded records -----------------------------------------------------------
+
+uint32_t wordAt(const uint8_t* p) {
+    uint32_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// Entries an array holds: min(count, capacity), or the capacity of a fixed one.
+uint32_t entryCount(const CorVaneSchema& s, uint32_t i, const uint8_t* rec) {
+    const CorVaneField& f = s.fields[i];
+    if (f.kind == CORVANE_FIELD_FIXED_ARRAY) return f.capacity;
+    const uint32_t count = wordAt(rec + s.fields[i - 1].offset);
+    return count < f.capacity ? count : f.capacity;
+}
+
+bool recordBlank(const CorVaneSchema& s, const uint8_t* rec);
+
+bool fieldBlank(const CorVaneSchema& s, uint32_t i, const uint8_t* rec) {
+    const CorVaneField& f = s.fields[i];
+    const uint8_t* m = rec + f.offset;
+    switch (f.kind) {
+        case CORVANE_FIELD_U32: return wordAt(m) == 0;
+        case CORVANE_FIELD_TEXT: return m[0] == 0;
+        case CORVANE_FIELD_RECORD: return recordBlank(*f.record, m);
+        default:
+            for (uint32_t e = 0, n = entryCount(s, i, rec); e < n; ++e)
+                if (!recordBlank(*f.record, m + e * f.record->size)) return false;
+            return true;
+    }
+}
+
+bool recordBlank(const CorVaneSchema& s, const uint8_t* rec) {
+    for (uint32_t i = 0; i < s.fieldCount; ++i)
+        if (!fieldBlank(s, i, rec)) return false;
+    return true;
+}
+
+constexpr uint32_t kFieldRun = 3;  // blank fields folded into one line from this many
+constexpr uint32_t kEntryRun = 2;  // blank array entries likewise
+
+void printField(std::ostream& os, const CorVaneSchema& s, uint32_t i, const uint8_t* rec,
+                int indent, bool fold) {
+    const std::string pad(static_cast<size_t>(indent), ' ');
+    const CorVaneField& f = s.fields[i];
+    const uint8_t* m = rec + f.offset;
+    switch (f.kind) {
+        case CORVANE_FIELD_U32: {
+            const uint32_t v = wordAt(m);
+            os << pad << f.name << " = " << v;
+            if (v > 9) os << " (0x" << std::hex << v << std::dec << ")";
+            os << '\n';
+            break;
+        }
+        case CORVANE_FIELD_TEXT:
+            os << pad << f.name << " = "
+               << escaped(std::string_view(reinterpret_cast<const char*>(m), strnlen(reinterpret_cast<const char*>(m), f.capacity)))
+               << '\n';
+            break;
+        case CORVANE_FIELD_RECORD:
+            os << pad << f.name << ": " << f.record->name;
+            if (fold && recordBlank(*f.record, m)) {
+                os << ", all zero or empty\n";
+                break;
+            }
+            os << '\n';
+            printFolded(os, *f.record, m, indent + 2, fold);
+            break;
+        default: {
+            const uint32_t n = entryCount(s, i, rec);
+            const size_t size = f.record->size;
+            os << pad << f.name << ": " << n << " of " << f.capacity << " " << f.record->name;
+            if (fold && n > 0 && fieldBlank(s, i, rec)) {
+                os << ", all zero or empty\n";
+                break;
+            }
+            os << '\n';
+            for (uint32_t e = 0; e < n;) {
+                uint32_t run = 0;
+                while (fold && e + run < n && recordBlank(*f.record, m + (e + run) * size)) ++run;
+                if (run >= kEntryRun) {
+                    os << pad << "  [" << e << "] .. [" << e + run - 1 << "]: all " << run
+                       << " zero or empty\n";
+                    e += run;
+                } else if (run == 1) {
+                    os << pad << "  [" << e << "]: all zero or empty\n";
+                    ++e;
+                } else {
+                    os << pad << "  [" << e << "]\n";
+                    printFolded(os, *f.record, m + e * size, indent + 4, fold);
+                    ++e;
+                }
+            }
+            break;
+        }
+    }
+}
+
 }  // namespace
+
+void printFolded(std::ostream& os, const CorVaneSchema& s, const void* record, int indent,
+                 bool fold) {
+    const auto* rec = static_cast<const uint8_t*>(record);
+    for (uint32_t i = 0; i < s.fieldCount;) {
+        uint32_t run = 0;
+        while (fold && i + run < s.fieldCount && fieldBlank(s, i + run, rec)) ++run;
+        if (run >= kFieldRun) {
+            os << std::string(static_cast<size_t>(indent), ' ') << s.fields[i].name << " .. "
+               << s.fields[i + run - 1].name << ": all " << run << " zero or empty\n";
+            i += run;
+            continue;
+        }
+        for (uint32_t k = 0; k < (run ? run : 1); ++k) printField(os, s, i + k, rec, indent, fold);
+        i += run ? run : 1;
+    }
+}
 
 const char* statusText(uint32_t st) {
     switch (st) {

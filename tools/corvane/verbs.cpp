@@ -14,11 +14,12 @@ const OptionDef kSchema[] = {
 };
 
 const OptionDef kDecode[] = {
-    {"-m,--method", "METHOD", "The body's method; by default the one whose magic the body carries",
+    {"-m,--method", "METHOD", "The body's method (by default the one whose magic the body carries); of a capture, show only that method",
      Complete::kMethod},
-    {"--hex", nullptr, "The input is a hex dump (plain, xxd, hexdump -C, 0x list, log lines)"},
+    {"--hex", nullptr, "The input is a hex dump (plain, xxd, hexdump -C, 0x list, log lines, dbus-monitor, busctl monitor, tshark -x)"},
     {"--annotate", nullptr, "Every element with its offset, bytes, tag, length, field and value"},
-    {"FILE", "FILE", "The body (binary, or hex with --hex); - or none for standard input",
+    {"--all", nullptr, "Of a capture, every field and entry, also runs of zero or empty ones"},
+    {"FILE", "FILE", "The body (binary, or hex with --hex), a D-Bus message, or a pcap or pcapng capture; - or none for standard input",
      Complete::kFile},
 };
 
@@ -31,7 +32,18 @@ const OptionDef kEncode[] = {
 };
 
 const OptionDef kMonitor[] = {
+    {"--count", "N", "Stop after N commands, notifications and answers"},
+    {"--timeout", "MS", "Stop after MS milliseconds (exit 1 if --count was given and not reached)"},
+    {"--all", nullptr, "Every field and entry, also runs of zero or empty ones"},
     {"METHOD", "METHOD", "Show only these methods (and the answers to them)", Complete::kMethod,
+     true},
+};
+
+const OptionDef kCapture[] = {
+    {"-o,--output", "FILE", "Write the pcapng file to FILE instead of standard output", Complete::kFile},
+    {"--count", "N", "Stop after N commands, notifications and answers"},
+    {"--timeout", "MS", "Stop after MS milliseconds (exit 1 if --count was given and not reached)"},
+    {"METHOD", "METHOD", "Capture only these methods (and the answers to them)", Complete::kMethod,
      true},
 };
 
@@ -65,11 +77,14 @@ const VerbDef kVerbs[] = {
      "and arrays in parentheses), kinds and capacities, the bytes each takes on the wire and "
      "the formula of the record's wire length. Given a method, shows its payload.",
      kSchema},
-    {"decode", "Decode a serialised body field by field",
+    {"decode", "Decode a serialised body field by field, or a capture",
      "Reads a serialised body through the library's bounded decoder and prints its payload. "
      "A body that does not decode is shown with where decoding stopped, what was found and "
      "expected there, and the library's log lines. Without --method the body's magic names "
-     "the message; a magic that several messages share needs --method.",
+     "the message (or the member of the D-Bus message holding it); a magic that several "
+     "messages share needs --method. A pcap or pcapng file (corvane capture, busctl capture, "
+     "dbus-monitor --pcap) is recognised by its magic: every corvane message in it is shown "
+     "as monitor shows it, with its frame number and time, and the other frames are counted.",
      kDecode},
     {"encode", "Build the body of a JSON payload",
      "Fills the method's payload from a JSON object (member names are the keys, nested "
@@ -85,9 +100,19 @@ const VerbDef kVerbs[] = {
      "Watches the bus (--bus or $CORVANE_BUS) as a D-Bus monitor and prints every command, "
      "notification and answer: sender and receiver (user names, process ids), method and "
      "decoded fields, the status of each answer. A body that does not decode is shown with "
-     "where decoding stopped. Runs until interrupted (exit 0) or until the bus goes away "
-     "(exit 1).",
+     "where decoding stopped; runs of three or more zero or empty fields, and of two or "
+     "more such array entries, take one line (--all shows them). Runs until interrupted, "
+     "--count messages or --timeout (exit 0), or until the bus goes away (exit 1).",
      kMonitor},
+    {"capture", "Write the corvane traffic on the bus to a pcapng file",
+     "Watches the bus as monitor does and writes every command, notification and answer, and "
+     "each change of a user name's owner, as a packet of a pcapng file in the D-Bus link type "
+     "(231) as busctl capture writes it, which Wireshark, tshark and corvane decode read "
+     "(corvane.lua shows its fields in Wireshark); each packet's comment "
+     "names its sender and receiver with their process ids. Each packet is written as it "
+     "comes, so the file is whole whenever the capture stops: interrupted (Ctrl-C, SIGTERM), "
+     "after --count messages or --timeout (exit 0), or when the bus goes away (exit 1).",
+     kCapture},
     {"call", "Send one command and print the answer's status",
      "Sends one command to a user on the bus (--to, by default mgmt, the management side) "
      "through the library's send function, from a user of its own named corvane-PID, and "

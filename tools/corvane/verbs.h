@@ -38,5 +38,8 @@ bool isPositional(const OptionDef& o);
 // corvane.1 (roff) and the bash completion script.
 std::string manPage(const std::string& version);
 std::string bashCompletion();
+// The record and message tables of the Wireshark dissector, as Lua
+// (generate_dissector.cpp; tools/dissector/ holds the code that walks them).
+std::string dissectorTables(const std::string& version);
 
 }  // namespace cvi
