@@ -196,8 +196,10 @@ void becomeMonitor(sd_bus* monitor) {
 // connecting and becoming a monitor (the peers are listed then).
 Watch openWatch(const std::string& address, const std::function<void(sd_bus* control)>& ready) {
     Watch w{connect(address, false), connect(address, true)};
-    ready(w.control.get());
+    // Monitoring first, then the names: an owner that changes in between is
+    // both listed and seen changing, never missed.
     becomeMonitor(w.monitor.get());
+    ready(w.control.get());
     return w;
 }
 
