@@ -32,49 +32,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using cvi::Json;
-
-bool waitUntil(const std::function<bool()>& done, int ms) {
-    for (const auto until = Clock::now() + std::chrono::milliseconds(ms); !done();) {
-        if (Clock::now() > until) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
-std::string slurp(const std::string& path) {
-    std::stringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
-}
-
-// A child process, its standard output and error in files.
-struct Proc {
-    pid_t pid = -1;
-    bool running = false;
-    int status = -1;
-    std::string out, err;
-
-    Proc(std::vector<std::string> args, const std::string& dir) {
-        static int n = 0;
-        out = dir + "/" + std::to_string(++n) + ".out";
-        err = dir + "/" + std::to_string(n) + ".err";
-        pid = cvtest::startChild(std::move(args), out, err);
-        running = pid > 0;
-    }
-    ~Proc() { stop(SIGKILL); }
-    // The exit status (128 + signal), or -1 when still running after ms.
-    int wait(int ms = 10000) {
-        if (running && waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, ms))
-            running = false;
-        return running ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    int stop(int sig) {
-        if (running) kill(pid, sig);
-        return wait();
-    }
-    std::string stdout_() const { return slurp(out); }
-    std::string stderr_() const { return slurp(err); }
-};
+using cvtest::Proc;
+using cvtest::slurp;
+using cvtest::waitUntil;
 
 class OnTheBus : public ::testing::Test {
 protected:

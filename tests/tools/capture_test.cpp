@@ -34,52 +34,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using cvi::Json;
-
-bool waitUntil(const std::function<bool()>& done, int ms) {
-    for (const auto until = Clock::now() + std::chrono::milliseconds(ms); !done();) {
-        if (Clock::now() > until) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
-std::string slurp(const std::string& path) {
-    std::stringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
-}
+using cvtest::Proc;
+using cvtest::slurp;
+using cvtest::waitUntil;
 
 void spit(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
 }
-
-struct Proc {
-    pid_t pid = -1;
-    bool running = false;
-    int status = -1;
-    std::string out, err;
-
-    Proc(std::vector<std::string> args, const std::string& dir) {
-        static int n = 0;
-        out = dir + "/" + std::to_string(++n) + ".out";
-        err = dir + "/" + std::to_string(n) + ".err";
-        pid = cvtest::startChild(std::move(args), out, err);
-        running = pid > 0;
-    }
-    ~Proc() { stop(SIGKILL); }
-    // The exit status (128 + signal), or -1 when still running after ms.
-    int wait(int ms = 20000) {
-        if (running && waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, ms))
-            running = false;
-        return running ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    int stop(int sig) {
-        if (running) kill(pid, sig);
-        return wait();
-    }
-    std::string stdout_() const { return slurp(out); }
-    std::string stderr_() const { return slurp(err); }
-};
 
 bool installed(const char* path) { return access(path, X_OK) == 0; }
 
