@@ -504,17 +504,8 @@ TEST(Traffic, EntriesAnswersAndOwners) {
 }
 
 // Folding shows every field that is not zero or empty, and runs of those
-// that are, by name; unfolded it is printRecord, for every message's payload.
-TEST(Folding, FoldsRunsAndUnfoldsToPrintRecord) {
-    for (const CorVaneMessageInfo* m : cvi::allMessages()) {
-        SCOPED_TRACE(m->name);
-        // Every word 0x01010101 (arrays full), every text filled to its capacity.
-        std::vector<uint8_t> record(m->payload->size, 0x01);
-        std::ostringstream a, b;
-        cvi::printRecord(a, *m->payload, record.data(), 2);
-        cvi::printFolded(b, *m->payload, record.data(), 2, false);
-        EXPECT_EQ(a.str(), b.str());
-    }
+// that are, by name; unfolded it shows every field.
+TEST(Folding, FoldsRuns) {
     const CorVaneSchema& profile = *corVane_recordSchema("VoiceProfile");
     std::vector<uint8_t> zero(profile.size, 0);
     std::ostringstream folded, all;

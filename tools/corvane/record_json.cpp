@@ -1,5 +1,7 @@
 #include "record_json.h"
 
+#include "inspect.h"
+
 #include <cstring>
 #include <limits>
 
@@ -234,38 +236,7 @@ std::vector<std::string> recordFromJson(const CorVaneSchema& s, const Json& json
 }
 
 void printRecord(std::ostream& os, const CorVaneSchema& s, const void* record, int indent) {
-    const auto* rec = static_cast<const uint8_t*>(record);
-    const std::string pad(static_cast<size_t>(indent), ' ');
-    for (uint32_t i = 0; i < s.fieldCount; ++i) {
-        const CorVaneField& f = s.fields[i];
-        const uint8_t* m = rec + f.offset;
-        switch (f.kind) {
-            case CORVANE_FIELD_U32: {
-                const uint32_t v = loadWord(m);
-                os << pad << f.name << " = " << v;
-                if (v > 9) os << " (0x" << std::hex << v << std::dec << ")";
-                os << '\n';
-                break;
-            }
-            case CORVANE_FIELD_TEXT:
-                os << pad << f.name << " = " << escaped(textOf(m, f.capacity)) << '\n';
-                break;
-            case CORVANE_FIELD_RECORD:
-                os << pad << f.name << ": " << f.record->name << '\n';
-                printRecord(os, *f.record, m, indent + 2);
-                break;
-            default: {
-                const uint32_t n = entries(s, i, rec);
-                os << pad << f.name << ": " << n << " of " << f.capacity << " " << f.record->name
-                   << '\n';
-                for (uint32_t e = 0; e < n; ++e) {
-                    os << pad << "  [" << e << "]\n";
-                    printRecord(os, *f.record, m + e * f.record->size, indent + 4);
-                }
-                break;
-            }
-        }
-    }
+    printFolded(os, s, record, indent, false);
 }
 
 }  // namespace cvi
