@@ -137,7 +137,7 @@ Peer &peer(User *u, const std::string &unique, const std::string &busName)
 void ask(User *u, const std::string &unique)
 {
     auto it = u->peers.find(unique);
-    if (it == u->peers.end() || it->second.asking || u->away)
+    if (it == u->peers.end() || it->second.asking || u->bus == nullptr)
         return;
     it->second.asking = true;
     const int r = callAsync(u, unique, kMwPath, kMwIntf, "Subscriptions", [u, unique](sd_bus_message *reply) {
@@ -439,7 +439,7 @@ void stopDelivery(User *u)
 
 void track(User *u, bool now)
 {
-    if (u->tracking || u->away)
+    if (u->tracking || u->bus == nullptr)
         return;
     u->tracking = true;
     const std::string me = self(u);

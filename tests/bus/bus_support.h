@@ -182,7 +182,11 @@ inline const lineCallState kCallState = {1, 2, 3};
 
 class Bus : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_EQ(corvane_initialize(), 0u); }
+    static void SetUpTestSuite()
+    {
+        static const uint32_t initialized = corvane_initialize();  // once per process
+        ASSERT_EQ(initialized, 0u);
+    }
 
     std::string dir, address;
     std::vector<std::unique_ptr<Proc>> procs;  // the bus first, killed by their pids
