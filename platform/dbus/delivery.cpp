@@ -58,6 +58,7 @@ constexpr uint64_t kProbeMs = 500;
 constexpr uint32_t kAckEvery = 64;
 constexpr uint64_t kAckBytes = 256 * 1024;
 constexpr uint64_t kRecheckMs = 100;
+constexpr uint64_t kLogEveryUs = 60 * 1000 * 1000;
 
 std::string userNameOfBus(const std::string &busName)
 {
@@ -258,11 +259,13 @@ void caughtUp(User *u, Peer &p)
             ++resync;
         }
     }
-    logLine(LOG_NOTICE,
-            "user %s: subscriber %s (%s) has read all it was sent: %llu notifications were not "
-            "sent to it; the serving side is told to re-sync %zu of them",
-            u->name.c_str(), userNameOfBus(p.busName).c_str(), p.unique.c_str(),
-            static_cast<unsigned long long>(p.skipped), resync);
+    if (p.logged)
+        logLine(LOG_NOTICE,
+                "user %s: subscriber %s (%s) has read all it was sent: %llu notifications were not "
+                "sent to it; the serving side is told to re-sync %zu of them",
+                u->name.c_str(), userNameOfBus(p.busName).c_str(), p.unique.c_str(),
+                static_cast<unsigned long long>(p.skipped), resync);
+    p.logged = false;
     p.full = false;
     p.skipped = 0;
     p.missed.clear();
@@ -473,17 +476,29 @@ bool windowTakes(User *u, Peer &p, uint32_t bytes, Method m)
     if (!p.full) {
         p.full = true;
         ++u->counters.stalls;
-        const std::string user = u->name, sub = userNameOfBus(p.busName), unique = p.unique;
-        const uint64_t flying = unacked, inFlight = p.inFlight;
-        withCreds(u, unique, [user, sub, unique, flying, inFlight](const Creds &c) {
-            logLine(LOG_WARNING,
-                    "user %s: subscriber %s, %s%s, has not read its last %llu notifications "
-                    "(%llu bytes): it is sent no more, and what it misses is counted, until it has "
-                    "read them; then the serving side is told to re-sync it",
-                    user.c_str(), sub.c_str(), unique.c_str(), describe(c).c_str(),
-                    static_cast<unsigned long long>(flying),
-                    static_cast<unsigned long long>(inFlight));
-        });
+        ++p.fills;
+        // Once, and again at most once a minute: a subscriber merely slower
+        // than a flood fills its window time and again.
+        const uint64_t now = nowUs();
+        p.logged = p.loggedAt == 0 || now - p.loggedAt >= kLogEveryUs;
+        if (p.logged) {
+            const std::string user = u->name, sub = userNameOfBus(p.busName), unique = p.unique;
+            const uint64_t flying = unacked, inFlight = p.inFlight, fills = p.fills;
+            withCreds(u, unique, [user, sub, unique, flying, inFlight, fills](const Creds &c) {
+                logLine(LOG_WARNING,
+                        "user %s: subscriber %s, %s%s, has not read its last %llu notifications "
+                        "(%llu bytes): it is sent no more, and what it misses is counted, until it "
+                        "has read them; then the serving side is told to re-sync it%s",
+                        user.c_str(), sub.c_str(), unique.c_str(), describe(c).c_str(),
+                        static_cast<unsigned long long>(flying),
+                        static_cast<unsigned long long>(inFlight),
+                        fills > 1 ? (" (its window filled " + std::to_string(fills) +
+                                     " times since the last line)").c_str()
+                                  : "");
+            });
+            p.loggedAt = now;
+            p.fills = 0;
+        }
     }
     ++p.skipped;
     p.missed.insert(m);

@@ -150,6 +150,9 @@ struct Peer {
     bool full = false;              // its window filled: nothing sent until it caught up
     uint64_t skipped = 0;           // notifications not sent to it since
     std::set<Method> missed;        // ... and which
+    uint64_t loggedAt = 0;          // when its window filling was last logged
+    uint64_t fills = 0;             // times it filled since
+    bool logged = false;            // this time was logged (so is its catching up)
 };
 
 struct User {
