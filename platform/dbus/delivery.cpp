@@ -133,15 +133,18 @@ Peer &peer(User *u, const std::string &unique, const std::string &busName)
     return p;
 }
 
-// Asks the peer its subscriptions, without waiting; again when it did not
-// answer in time (it may read again later).
+// Asks the peer its subscriptions, without waiting and with no timeout of
+// our own: one that does not read answers when it reads again, and only one
+// question to it is ever under way (the bus bounds a connection's pending
+// calls). Asked again if the bus itself gave up.
 void ask(User *u, const std::string &unique)
 {
     auto it = u->peers.find(unique);
     if (it == u->peers.end() || it->second.asking || u->bus == nullptr)
         return;
     it->second.asking = true;
-    const int r = callAsync(u, unique, kMwPath, kMwIntf, "Subscriptions", [u, unique](sd_bus_message *reply) {
+    const int r = callAsync(u, unique, kMwPath, kMwIntf, "Subscriptions", UINT64_MAX,
+                            [u, unique](sd_bus_message *reply) {
         auto found = u->peers.find(unique);
         if (found == u->peers.end())
             return;

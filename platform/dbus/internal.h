@@ -336,10 +336,10 @@ void withCreds(User *u, const std::string &unique, std::function<void(const Cred
 // " (pid 123, uid 1000)", or what is known of it.
 std::string describe(const Creds &c);
 // Calls member() of dest without waiting; `done` gets the reply (an error
-// reply too, a timeout's after the user's timeout). Dropped with the
-// user's connection. 0, or a negative errno.
+// reply too: a timeout's after timeoutUs, none with UINT64_MAX). Dropped
+// with the user's connection. 0, or a negative errno.
 int callAsync(User *u, const std::string &dest, const char *path, const char *intf,
-              const char *member, std::function<void(sd_bus_message *)> done);
+              const char *member, uint64_t timeoutUs, std::function<void(sd_bus_message *)> done);
 
 // ---- introspection (introspect.cpp) --------------------------------------------
 

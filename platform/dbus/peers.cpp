@@ -103,11 +103,14 @@ void askBus(User *u, const char *member, const std::string &arg,
 }  // namespace
 
 int callAsync(User *u, const std::string &dest, const char *path, const char *intf,
-              const char *member, std::function<void(sd_bus_message *)> done)
+              const char *member, uint64_t timeoutUs, std::function<void(sd_bus_message *)> done)
 {
     auto p = std::make_unique<Pending>(Pending{u, nullptr, std::move(done)});
-    const int r = sd_bus_call_method_async(u->bus, &p->slot, dest.c_str(), path, intf, member,
-                                           onReply, p.get(), "");
+    sd_bus_message *m = nullptr;
+    int r = sd_bus_message_new_method_call(u->bus, &m, dest.c_str(), path, intf, member);
+    if (r >= 0)
+        r = sd_bus_call_async(u->bus, &p->slot, m, onReply, p.get(), timeoutUs);
+    sd_bus_message_unref(m);
     if (r >= 0)
         u->pending.push_back(std::move(p));
     return r;
