@@ -85,6 +85,7 @@ Method methodOf(const Sub &s)
 // The need-update callbacks waiting for the loop, in order.
 struct Tell {
     User *user;
+    std::string unique;  // the subscriber's connection: none told once it has left
     std::string userName;
     Method method;
 };
@@ -102,7 +103,7 @@ void runTells()
     for (const Tell &t : now) {
         User *u = userOf(t.user);
         const UpdateNeed *need = u != nullptr ? findNeed(u, t.method.first, t.method.second) : nullptr;
-        if (need == nullptr || need->fn == nullptr)
+        if (need == nullptr || need->fn == nullptr || u->peers.count(t.unique) == 0)
             continue;
         ++u->counters.resyncs;
         // Copied: the callback may register again, which replaces *need.
@@ -120,7 +121,7 @@ void tell(User *u, const Peer &p, Method m)
         return;
     if (tells().empty())
         later(runTells);
-    tells().push_back(Tell{u, userNameOfBus(p.busName), m});
+    tells().push_back(Tell{u, p.unique, userNameOfBus(p.busName), m});
 }
 
 Peer &peer(User *u, const std::string &unique, const std::string &busName)
