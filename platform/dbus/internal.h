@@ -26,7 +26,8 @@
 //    made; a NULL descriptor, one that names no live table or has no entry
 //    for the method, or a user that is not ours, is refused with
 //    QUIB_DBUS_E_NO_TABLE / QUIB_DBUS_E_USER. Registering again replaces the
-//    handler (a) and its argument (b) in place.
+//    handler (a) and its argument (b) in place; a need for updates keeps
+//    its callback (a) and argument (b) the same way.
 //  - The receive function is read from the registration's descriptor at
 //    delivery time. The received body is released with the row's freeBody
 //    (free() when the row has none).

@@ -70,7 +70,8 @@
  *    QUIB_DBUS_WINDOW_BYTES bytes may be unacknowledged (one always may). A
  *    subscriber whose window is full is not sent any notification (status
  *    QUIB_DBUS_E_QUEUE_FULL, counted) until it has read all it was sent; it
- *    is logged once, and when it has caught up the serving side is told to
+ *    is logged (once, then at most once a minute for the same subscriber),
+ *    and when it has caught up the serving side is told to
  *    re-sync it (the need-update callback below, for each notification
  *    with one that it missed). Nothing but its acknowledgements or its
  *    leaving the bus frees a window;
