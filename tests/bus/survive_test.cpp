@@ -4,7 +4,7 @@
 // examples/; every wait is bounded.
 #include <atomic>
 #include <map>
-#include <mutex>
+#include <algorithm>
 
 #include "bus_support.h"
 
