@@ -1,15 +1,28 @@
-// One SetLineCallState call and its answer between two processes, through
-// the library and libcorvane_dbus, next to a plain sd-bus method call that
-// carries the same bytes ("ay" in, "u" back), in the same run.
+// Two figures of the D-Bus middleware between processes, in one run:
 //
-// The program starts a private dbus-daemon and a copy of itself as the
-// server process (--serve), which serves both: the command through the
-// library (a handler that does nothing), and a plain sd-bus method whose
-// handler reads the bytes and answers 0. The client then times batches of
-// calls, alternating between the two, and prints the median time per call of
-// each and their ratio.
+// 1. Commands and notifications with and without a frozen subscriber: a
+//    server process floods its subscribers with OnChangeObjectAccount, as
+//    fast as the healthy one takes them, while this process calls
+//    SetLineCallState on it in a loop; in alternating phases a second
+//    subscriber is present and stopped (SIGSTOP) or absent. The bus is a
+//    private dbus-daemon with the system bus's default limits (127 MB per
+//    connection). Printed: commands per second, the slowest answer, and
+//    notifications per second at the healthy subscriber, each the median
+//    of the rounds, and the ratio with / without.
 //
-// Usage: corvane_bench_bus [--calls N] [--rounds R]   (defaults 2000 and 15)
+// 2. One SetLineCallState call and its answer through the library and
+//    libcorvane_dbus, next to a plain sd-bus method call that carries the
+//    same bytes ("ay" in, "u" back), in alternating batches: the median
+//    time per call of each and their ratio.
+//
+// The program starts the dbus-daemon and copies of itself: the server
+// (--serve: the command through the library, a plain sd-bus method, and the
+// flood, switched on and off with SetBatteryEnable) and the subscribers
+// (--subscribe: each counts what it receives and writes the count to a
+// file every 50 ms).
+//
+// Usage: corvane_bench_bus [--calls N] [--rounds R] [--phase-ms P]
+//        (defaults 2000, 15 and 1000)
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -77,16 +90,49 @@ const sd_bus_vtable kPlainVtable[] = {
 
 uint32_t onCallState(void *, void *, void *) { return 0; }
 
+// The flood: as many notifications per turn of the loop as a subscriber
+// takes (at most 64), the next turn at once; when none took one (the
+// healthy subscriber's window is full too), 1 ms later.
+void *serverUser = nullptr;
+bool flooding = false;
+const Account kAccount{};
+
+void flood(void *)
+{
+    if (!flooding)
+        return;
+    int sent = 0;
+    for (; sent < 64; ++sent) {
+        corVane_sendReq_ntfyOnChangeObjectAccount(serverUser, nullptr, nullptr, &kAccount);
+        QuibDbusSendReport report{};
+        quibDbus_lastSend(serverUser, &report);
+        if (report.sent == 0)
+            break;
+    }
+    ranqDbus_schedule(sent > 0 ? 0 : 1, flood, nullptr);
+}
+
+uint32_t onBattery(void *, void *, void *payload)
+{
+    const bool on = static_cast<const CorVaneBatteryEnable *>(payload)->enable != 0;
+    if (on && !flooding)
+        ranqDbus_schedule(0, flood, nullptr);
+    flooding = on;
+    return 0;
+}
+
 int serve(const char *address)
 {
     uint32_t status = 0;
     if (corvane_initialize() != 0)
         fail("corvane_initialize failed");
-    void *user = quibDbus_newUser("bench-server", address, &status);
+    void *user = serverUser = quibDbus_newUser("bench-server", address, &status);
     if (user == nullptr)
         fail(std::string("server: ") + quibDbus_strerror(status));
-    corVane_regUser_msgMngt(user, nullptr, nullptr, CORVANE_SELECT_CMD);
+    corVane_regUser_msgMngt(user, nullptr, nullptr, CORVANE_SELECT_BOTH);
     corVane_modSrv_recvMsg_setLineCallState(user, reinterpret_cast<void *>(onCallState), nullptr,
+                                            nullptr);
+    corVane_modSrv_recvMsg_setBatteryEnable(user, reinterpret_cast<void *>(onBattery), nullptr,
                                             nullptr);
     // The plain server: its own connection on the same event loop.
     sd_bus *plain = connect(address);
@@ -96,8 +142,53 @@ int serve(const char *address)
         sd_bus_request_name(plain, kPlainName, 0) < 0 || sd_bus_attach_event(plain, event, 0) < 0)
         fail("plain server setup failed");
     const int r = ranqDbus_run();
+    QuibDbusCounters c{};
+    quibDbus_counters(user, &c);
+    std::printf("%llu %llu %llu\n", static_cast<unsigned long long>(c.notifications),
+                static_cast<unsigned long long>(c.queueFull), static_cast<unsigned long long>(c.stalls));
     sd_bus_flush_close_unref(plain);
     sd_event_unref(event);
+    quibDbus_freeUser(user);
+    return r == 0 ? 0 : 1;
+}
+
+// ---- a subscriber process --------------------------------------------------------
+
+uint64_t received = 0;
+std::string countFile;
+
+uint32_t onAccount(void *, void *, void *)
+{
+    ++received;
+    return 0;
+}
+
+// Written to a new file, then renamed over the old: a reader never sees half.
+void writeCount(void *)
+{
+    const std::string tmp = countFile + ".new";
+    if (FILE *f = std::fopen(tmp.c_str(), "w")) {
+        std::fprintf(f, "%llu\n", static_cast<unsigned long long>(received));
+        std::fclose(f);
+        std::rename(tmp.c_str(), countFile.c_str());
+    }
+    ranqDbus_schedule(50, writeCount, nullptr);
+}
+
+int subscribe(const char *address, const char *name, const char *file)
+{
+    uint32_t status = 0;
+    if (corvane_initialize() != 0)
+        fail("corvane_initialize failed");
+    void *user = quibDbus_newUser(name, address, &status);
+    if (user == nullptr)
+        fail(std::string("subscriber: ") + quibDbus_strerror(status));
+    corVane_regUser_msgMngt(user, nullptr, nullptr, CORVANE_SELECT_NTFY);
+    corVane_modCliNtfyUser_recvMsg_onChangeObjectAccount(user, reinterpret_cast<void *>(onAccount),
+                                                         nullptr, nullptr, nullptr, name);
+    countFile = file;
+    writeCount(nullptr);
+    const int r = ranqDbus_run();
     quibDbus_freeUser(user);
     return r == 0 ? 0 : 1;
 }
@@ -106,12 +197,15 @@ int serve(const char *address)
 
 struct Child {
     pid_t pid = -1;
-    ~Child()
+    ~Child() { stop(); }
+    void stop(int sig = SIGTERM)
     {
         if (pid > 0) {
-            kill(pid, SIGTERM);
+            kill(pid, SIGCONT);
+            kill(pid, sig);
             waitpid(pid, nullptr, 0);
         }
+        pid = -1;
     }
 };
 
@@ -164,31 +258,160 @@ double median(std::vector<double> v)
     return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
 }
 
+uint64_t readCount(const std::string &file)
+{
+    unsigned long long n = 0;
+    if (FILE *f = std::fopen(file.c_str(), "r")) {
+        if (std::fscanf(f, "%llu", &n) != 1)
+            n = 0;
+        std::fclose(f);
+    }
+    return n;
+}
+
+long rssKiB(pid_t pid)
+{
+    long kib = 0;
+    if (FILE *f = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, f) != nullptr)
+            if (std::strncmp(line, "VmRSS:", 6) == 0)
+                kib = std::atol(line + 6);
+        std::fclose(f);
+    }
+    return kib;
+}
+
+// The system bus's limits (dbus-daemon's defaults for a system bus) on a
+// private session-type bus at `socket`.
+std::string systemLimitsConfig(const std::string &socket)
+{
+    return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+           "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+           "<busconfig><type>session</type><listen>unix:path=" +
+           socket +
+           "</listen><auth>EXTERNAL</auth>\n"
+           "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+           "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>\n"
+           "<limit name=\"max_incoming_bytes\">133169152</limit>\n"
+           "<limit name=\"max_outgoing_bytes\">133169152</limit>\n"
+           "<limit name=\"max_message_size\">33554432</limit>\n"
+           "<limit name=\"max_replies_per_connection\">128</limit>\n"
+           "<limit name=\"max_match_rules_per_connection\">512</limit>\n"
+           "</busconfig>\n";
+}
+
+
+// Figure 1 (see the top of the file). Returns nothing; prints its lines.
+void frozenFigure(void *user, const std::string &address, const std::string &dir, pid_t daemon,
+                  pid_t server, int rounds, int phaseMs)
+{
+    const std::string healthyFile = dir + "/healthy", frozenFile = dir + "/frozen";
+    Child healthy;
+    healthy.pid = spawn({"/proc/self/exe", "--subscribe", address, "bench-healthy", healthyFile}, nullptr);
+    if (!waitFor([&] { return readCount(healthyFile) == 0 && access(healthyFile.c_str(), F_OK) == 0; }))
+        fail("the subscriber did not come up");
+    const lineCallState state = {1, 2, 3};
+    if (corVane_sendReq_setBatteryEnable(user, nullptr, "bench-server", 1) != 0)
+        fail("the server does not flood");
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+
+    struct Phase {
+        std::vector<double> calls, slowest, notifications;
+    } without, with;
+    long brokerKiB = 0, serverKiB = 0;
+    auto measure = [&](Phase &into) {
+        const uint64_t before = readCount(healthyFile);
+        const auto start = Clock::now();
+        double slowest = 0;
+        int n = 0;
+        while (Clock::now() - start < std::chrono::milliseconds(phaseMs)) {
+            const auto t = Clock::now();
+            if (uint32_t st = corVane_sendReq_setLineCallState(user, nullptr, "bench-server", &state); st != 0)
+                fail("a call answered " + std::to_string(st) + " (" + quibDbus_strerror(st) + ")");
+            slowest = std::max(slowest, std::chrono::duration<double, std::milli>(Clock::now() - t).count());
+            ++n;
+        }
+        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        // The count file is written every 50 ms: let the last one land.
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        into.calls.push_back(n / seconds);
+        into.slowest.push_back(slowest);
+        into.notifications.push_back((readCount(healthyFile) - before) / (seconds + 0.06));
+    };
+    for (int r = 0; r < rounds; ++r) {
+        measure(without);
+        Child frozen;
+        std::remove(frozenFile.c_str());
+        frozen.pid = spawn({"/proc/self/exe", "--subscribe", address, "bench-frozen", frozenFile}, nullptr);
+        if (!waitFor([&] { return readCount(frozenFile) > 0; }))
+            fail("the second subscriber received nothing");
+        kill(frozen.pid, SIGSTOP);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // its window fills
+        measure(with);
+        brokerKiB = std::max(brokerKiB, rssKiB(daemon));
+        serverKiB = std::max(serverKiB, rssKiB(server));
+        frozen.stop(SIGKILL);
+    }
+    corVane_sendReq_setBatteryEnable(user, nullptr, "bench-server", 0);
+    healthy.stop();
+    const double c0 = median(without.calls), c1 = median(with.calls);
+    const double n0 = median(without.notifications), n1 = median(with.notifications);
+    std::printf("Commands and notifications on a private dbus-daemon with the system bus's limits "
+                "(127 MB per\nconnection): the server floods its subscribers with "
+                "OnChangeObjectAccount (%u bytes) as fast\nas the healthy one takes them, while "
+                "this process calls SetLineCallState on it; median of %d\nrounds of %d ms:\n",
+                24 + corVane_record_serialize_lg(corVane_messageByName("OnChangeObjectAccount")->payload,
+                                                 &kAccount),
+                rounds, phaseMs);
+    std::printf("                                   commands/s  slowest answer  notifications/s "
+                "(healthy subscriber)\n");
+    std::printf("  no frozen subscriber             %10.0f  %11.1f ms  %15.0f\n", c0,
+                median(without.slowest), n0);
+    std::printf("  one frozen subscriber (SIGSTOP)  %10.0f  %11.1f ms  %15.0f\n", c1,
+                median(with.slowest), n1);
+    std::printf("  with / without                   %10.2f  %14s  %15.2f (target: at least 0.90)\n",
+                c1 / c0, "", n1 / n0);
+    std::printf("  memory while one was frozen: dbus-daemon %ld KiB, server %ld KiB (resident, "
+                "largest seen)\n",
+                brokerKiB, serverKiB);
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
 {
     if (argc == 3 && std::strcmp(argv[1], "--serve") == 0)
         return serve(argv[2]);
-    int calls = 2000, rounds = 15;
+    if (argc == 5 && std::strcmp(argv[1], "--subscribe") == 0)
+        return subscribe(argv[2], argv[3], argv[4]);
+    int calls = 2000, rounds = 15, phaseMs = 1000;
     for (int i = 1; i + 1 < argc; i += 2) {
         if (std::strcmp(argv[i], "--calls") == 0)
             calls = std::atoi(argv[i + 1]);
         else if (std::strcmp(argv[i], "--rounds") == 0)
             rounds = std::atoi(argv[i + 1]);
+        else if (std::strcmp(argv[i], "--phase-ms") == 0)
+            phaseMs = std::atoi(argv[i + 1]);
+        else
+            calls = 0;
     }
-    if (calls <= 0 || rounds <= 0 || argc % 2 == 0) {
-        std::fprintf(stderr, "usage: corvane_bench_bus [--calls N] [--rounds R]\n");
+    if (calls <= 0 || rounds <= 0 || phaseMs <= 0 || argc % 2 == 0) {
+        std::fprintf(stderr, "usage: corvane_bench_bus [--calls N] [--rounds R] [--phase-ms P]\n");
         return 2;
     }
 
     char dir[] = "/tmp/corvane-bench-bus-XXXXXX";
     if (mkdtemp(dir) == nullptr)
         fail("mkdtemp failed");
-    const std::string addrFile = std::string(dir) + "/address";
+    const std::string conf = std::string(dir) + "/bus.conf";
+    if (FILE *f = std::fopen(conf.c_str(), "w")) {
+        std::fputs(systemLimitsConfig(std::string(dir) + "/bus").c_str(), f);
+        std::fclose(f);
+    }
+    const std::string addrFile = std::string(dir) + "/address", serverOut = std::string(dir) + "/server";
     Child daemon, server;
-    daemon.pid = spawn({"dbus-daemon", "--session", std::string("--address=unix:path=") + dir + "/bus",
-                        "--nofork", "--print-address"},
+    daemon.pid = spawn({"dbus-daemon", "--config-file=" + conf, "--nofork", "--print-address"},
                        addrFile.c_str());
     std::string address;
     if (!waitFor([&] {
@@ -202,7 +425,7 @@ int main(int argc, char **argv)
             return !address.empty();
         }))
         fail("dbus-daemon did not start");
-    server.pid = spawn({"/proc/self/exe", "--serve", address}, nullptr);
+    server.pid = spawn({"/proc/self/exe", "--serve", address}, serverOut.c_str());
 
     uint32_t status = 0;
     if (corvane_initialize() != 0)
@@ -220,6 +443,8 @@ int main(int argc, char **argv)
     if (!waitFor([&] { return quibDbus_userPid(user, "bench-server") > 0 && plainUp(); }))
         fail("the server did not come up");
 
+    frozenFigure(user, address, dir, daemon.pid, server.pid, rounds, phaseMs);
+    std::printf("\n");
     const lineCallState state = {1, 2, 3};
     // The same bytes the library sends: the body its serializeBody writes.
     const CorVaneMessageInfo *info = corVane_messageByName("SetLineCallState");
@@ -264,6 +489,15 @@ int main(int argc, char **argv)
 
     sd_bus_flush_close_unref(plain);
     quibDbus_freeUser(user);
+    server.stop();
+    if (FILE *f = std::fopen(serverOut.c_str(), "r")) {
+        unsigned long long sent = 0, skipped = 0, stalls = 0;
+        if (std::fscanf(f, "%llu %llu %llu", &sent, &skipped, &stalls) == 3)
+            std::printf("\nThe server sent %llu notifications; %llu were not sent to a subscriber "
+                        "whose window was full (%llu times full).\n",
+                        sent, skipped, stalls);
+        std::fclose(f);
+    }
     std::system((std::string("rm -rf ") + dir).c_str());
     return 0;
 }

@@ -11,7 +11,7 @@
 
 static void usage(FILE *to, const char *prog, int which)
 {
-    fprintf(to, "usage: %s [--bus ADDRESS] [--name USER]%s\n", prog,
+    fprintf(to, "usage: %s [--bus ADDRESS] [--name USER]%s [--exit-on-bus-loss]\n", prog,
             which == SIM_VOICE ? " [--to USER] [--once]" : " [--delay MS]");
 }
 
@@ -39,6 +39,9 @@ int sim_start(int argc, char **argv, int which, SimOptions *o)
         } else if (which == SIM_VOICE && strcmp(a, "--once") == 0) {
             o->once = 1;
             continue;
+        } else if (strcmp(a, "--exit-on-bus-loss") == 0) {
+            o->exitOnBusLoss = 1;
+            continue;
         } else if (which == SIM_MGMT && strcmp(a, "--delay") == 0 && value) {
             char *end;
             unsigned long ms = strtoul(value, &end, 10);
@@ -59,6 +62,7 @@ int sim_start(int argc, char **argv, int which, SimOptions *o)
         fprintf(stderr, "%s: %s\n", prog, problem);
         return 2;
     }
+    ranqDbus_exitOnBusLoss(o->exitOnBusLoss);
     setvbuf(stdout, NULL, _IOLBF, 0);
     /* No syslog daemon on a developer's machine or in a container: the
      * library's lines go to stderr as well. */
@@ -125,4 +129,21 @@ const char *sim_who(char *out, unsigned size, const char *name, long pid)
 {
     snprintf(out, size, "%s[%ld]", name, pid);
     return out;
+}
+
+static void onBus(void *user, uint32_t status, void *arg)
+{
+    (void)user;
+    if (status == QUIB_DBUS_E_AWAY)
+        printf("%s: the bus went away; reconnecting\n", (const char *)arg);
+    else if (status == 0)
+        printf("%s: back on the bus\n", (const char *)arg);
+    else
+        printf("%s: the bus is back but refuses it: %s (0x%x)\n", (const char *)arg,
+               quibDbus_strerror(status), (unsigned)status);
+}
+
+void sim_followBus(void *user, const char *self)
+{
+    quibDbus_onBus(user, onBus, (void *)(uintptr_t)self);
 }

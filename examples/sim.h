@@ -16,6 +16,7 @@ typedef struct SimOptions {
     const char *to;       /* --to USER (voice) */
     int once;             /* --once (voice) */
     unsigned delayMs;     /* --delay MS (mgmt) */
+    int exitOnBusLoss;    /* --exit-on-bus-loss */
 } SimOptions;
 
 #define SIM_VOICE 1 /* the options of corvane-voice-sim */
@@ -39,5 +40,9 @@ uint32_t sim_wireLength(const CorVaneMessageInfo *m, const void *payload);
 
 /* "name[pid]" of a process on the bus, for the lines the daemons print. */
 const char *sim_who(char *out, unsigned size, const char *name, long pid);
+
+/* Prints one line when the user's bus connection is lost and when it is
+ * back (quibDbus_onBus); `self` is the daemon's "name[pid]". */
+void sim_followBus(void *user, const char *self);
 
 #endif /* CORVANE_SIM_H */

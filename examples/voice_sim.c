@@ -8,11 +8,15 @@
  * process; the library's and the middleware's log lines on stderr.
  *
  * Usage: corvane-voice-sim [--bus ADDRESS] [--name USER] [--to USER] [--once]
+ *                          [--exit-on-bus-loss]
  *   --once  exit 0 as soon as the 19 commands are answered (status 0) and
  *           the 30 notifications received; exit 1 naming what is missing
  *           after 10 s, or as soon as a command failed.
- * Without --once it runs until SIGINT or SIGTERM (exit 0), or until the bus
- * goes away (exit 1).
+ *   --exit-on-bus-loss  exit 1 when the bus goes away, rather than staying
+ *           up and reconnecting (for a supervisor that restarts it)
+ * Without --once it runs until SIGINT or SIGTERM (exit 0). The bus going
+ * away is one line ("the bus went away; reconnecting"), and one more when it
+ * is back; the management side then pushes its configuration again.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -183,6 +187,7 @@ int main(int argc, char **argv)
         return 1;
     }
     sim_who(self, sizeof self, opt.name, (long)getpid());
+    sim_followBus(user, self);
     quibDbus_busName(opt.name, busName, sizeof busName);
     me = opt.name;
     failed |= corVane_regUser_msgMngt(user, NULL, NULL, CORVANE_SELECT_BOTH) != 0;

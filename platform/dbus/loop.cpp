@@ -1,6 +1,8 @@
 // The event loop of the D-Bus middleware: sd-event, with every user's bus
 // connection attached to it. ranq_addEvtBase only keeps the base's callback;
-// ranqDbus_run calls it with event 0 once the loop is over.
+// ranqDbus_run calls it with event 0 once the loop is over. A lost
+// connection ends the loop only under ranqDbus_exitOnBusLoss(1); otherwise
+// the middleware makes it again from the loop (connection.cpp).
 
 #include "api.h"
 
@@ -8,6 +10,7 @@
 #include <signal.h>
 
 #include <cstdint>
+#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -22,6 +25,7 @@ struct Loop {
     std::vector<std::pair<RanqEvtFn, void *>> bases;
     bool stop = false;
     bool lost = false;
+    bool exitOnLoss = false;
 };
 
 // Never destroyed: a base may still be torn down while the process exits.
@@ -53,6 +57,24 @@ int onTimer(sd_event_source *, uint64_t, void *userdata)
 int onDefer(sd_event_source *, void *userdata)
 {
     return runJob(static_cast<Job *>(userdata));
+}
+
+struct Later {
+    sd_event_source *source;
+    std::function<void()> fn;
+};
+
+int onLater(sd_event_source *, void *userdata)
+{
+    std::unique_ptr<Later> job(static_cast<Later *>(userdata));
+    sd_event_source_disable_unref(job->source);
+    try {
+        job->fn();
+    } catch (...) {
+        // Out of memory in a deferred step: it is dropped, nothing thrown
+        // crosses into sd-event.
+    }
+    return 0;
 }
 
 int onSignal(sd_event_source *, const struct signalfd_siginfo *, void *)
@@ -117,6 +139,25 @@ sd_event *loopEvent()
     return l.event;
 }
 
+int later(std::function<void()> fn)
+{
+    sd_event *e = loopEvent();
+    if (e == nullptr)
+        return -ENOMEM;
+    auto *job = new (std::nothrow) Later{nullptr, std::move(fn)};
+    if (job == nullptr)
+        return -ENOMEM;
+    const int r = sd_event_add_defer(e, &job->source, onLater, job);
+    if (r < 0)
+        delete job;
+    return r < 0 ? r : 0;
+}
+
+bool exitOnLoss()
+{
+    return loop().exitOnLoss;
+}
+
 void connectionLost()
 {
     loop().lost = true;
@@ -163,6 +204,11 @@ int ranqDbus_runFor(uint32_t ms)
 void ranqDbus_stop(void)
 {
     loop().stop = true;
+}
+
+void ranqDbus_exitOnBusLoss(int exit)
+{
+    loop().exitOnLoss = exit != 0;
 }
 
 int ranqDbus_schedule(uint32_t ms, void (*fn)(void *arg), void *arg)

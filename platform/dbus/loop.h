@@ -4,6 +4,8 @@
 
 #include <systemd/sd-event.h>
 
+#include <functional>
+
 namespace quibdbus {
 
 // The event loop every user's connection is attached to (the thread's
@@ -11,8 +13,16 @@ namespace quibdbus {
 // cannot be had.
 sd_event *loopEvent();
 
-// Called when a user's bus connection is lost: the running loop returns
-// -ENOTCONN.
+// Whether a lost connection ends the loop (ranqDbus_exitOnBusLoss(1))
+// rather than being made again.
+bool exitOnLoss();
+
+// Runs fn from the event loop, as soon as it is idle (never from within the
+// call that asks for it). 0, or a negative errno.
+int later(std::function<void()> fn);
+
+// Called when a user's bus connection is lost under exitOnLoss(): the
+// running loop returns -ENOTCONN.
 void connectionLost();
 
 }  // namespace quibdbus

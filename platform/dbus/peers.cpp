@@ -70,17 +70,6 @@ Creds parseCreds(sd_bus_message *reply)
     return c;
 }
 
-// " (pid 123, uid 1000)", or what is known of it.
-std::string describe(const Creds &c)
-{
-    if (c.pid < 0 && c.uid == kUnknownUid)
-        return " (pid and uid unknown: it has left the bus)";
-    char text[64];
-    std::snprintf(text, sizeof text, " (pid %ld, uid %lu)", static_cast<long>(c.pid),
-                  static_cast<unsigned long>(c.uid));
-    return text;
-}
-
 int onReply(sd_bus_message *m, void *userdata, sd_bus_error *)
 {
     return guarded<int>(0, [&]() -> int {
@@ -111,8 +100,32 @@ void askBus(User *u, const char *member, const std::string &arg,
         u->pending.push_back(std::move(p));
 }
 
-// Calls then(credentials of unique): at once when known, else once the bus
-// has answered.
+}  // namespace
+
+int callAsync(User *u, const std::string &dest, const char *path, const char *intf,
+              const char *member, uint64_t timeoutUs, std::function<void(sd_bus_message *)> done)
+{
+    auto p = std::make_unique<Pending>(Pending{u, nullptr, std::move(done)});
+    sd_bus_message *m = nullptr;
+    int r = sd_bus_message_new_method_call(u->bus, &m, dest.c_str(), path, intf, member);
+    if (r >= 0)
+        r = sd_bus_call_async(u->bus, &p->slot, m, onReply, p.get(), timeoutUs);
+    sd_bus_message_unref(m);
+    if (r >= 0)
+        u->pending.push_back(std::move(p));
+    return r;
+}
+
+std::string describe(const Creds &c)
+{
+    if (c.pid < 0 && c.uid == kUnknownUid)
+        return " (pid and uid unknown: it has left the bus)";
+    char text[64];
+    std::snprintf(text, sizeof text, " (pid %ld, uid %lu)", static_cast<long>(c.pid),
+                  static_cast<unsigned long>(c.uid));
+    return text;
+}
+
 void withCreds(User *u, const std::string &unique, std::function<void(const Creds &)> then)
 {
     auto it = u->owners.creds.find(unique);
@@ -128,6 +141,8 @@ void withCreds(User *u, const std::string &unique, std::function<void(const Cred
     });
 }
 
+namespace {
+
 int onOwnerChanged(sd_bus_message *m, void *userdata, sd_bus_error *)
 {
     return guarded<int>(0, [&]() -> int {
@@ -139,6 +154,7 @@ int onOwnerChanged(sd_bus_message *m, void *userdata, sd_bus_error *)
         if (sender == nullptr || std::strcmp(sender, kDriver) != 0 ||
             sd_bus_message_read(m, "sss", &name, &before, &now) < 0)
             return 0;
+        ownerChanged(u, name, before, now);
         if (*now == '\0') {
             u->owners.byName.erase(name);
             return 0;
@@ -335,7 +351,7 @@ int32_t quibDbus_userPid(void *user, const char *userName)
     return guarded<int32_t>(-1, [&]() -> int32_t {
         User *u = userOf(user);
         char name[kMaxBusName + 1];
-        if (u == nullptr || quibDbus_busName(userName, name, sizeof name) != 0)
+        if (u == nullptr || u->away || quibDbus_busName(userName, name, sizeof name) != 0)
             return -1;
         // Asked now (the bus answers for the name's owner of this moment):
         // a caller that never runs the loop has not seen the owners change.

@@ -100,6 +100,8 @@ const char *quibDbus_strerror(uint32_t status)
     case QUIB_DBUS_E_BUS: return "the bus reported an error";
     case QUIB_DBUS_E_USER: return "not a user of this bus, or a name that cannot be one";
     case QUIB_DBUS_E_DENIED: return "denied by the bus's policy";
+    case QUIB_DBUS_E_QUEUE_FULL: return "queue full: too much not yet read by the bus or the subscriber";
+    case QUIB_DBUS_E_AWAY: return "away: the bus connection was lost, reconnecting";
     default: return "unknown status";
     }
 }

@@ -3,7 +3,9 @@
 # dbus-daemon of its own: all 49 messages between the two daemons, hostile
 # bodies sent to each, a server killed during a call, a name nobody owns, the
 # bus going away, forged notifications, a stranger queued for a name,
-# introspection, with busctl's view of it, and what a policy refuses), the
+# introspection, with busctl's view of it, what a policy refuses, a frozen
+# subscriber on a bus with small limits, either daemon restarted under the
+# other, the broker restarted under both, bursts past the bounds), the
 # bus policy (tests/policy: strangers, the daemons' users, engineers and
 # root on private system-type buses, clients under other uids -- required
 # here, so not skipped, as CI runs as root -- and what cmake --install puts
@@ -19,5 +21,5 @@ cmake --workflow --preset bus
 cmake --build build/default -j2
 ctest --test-dir build/default -L policy -LE bus --output-on-failure
 cmake --build build/default -j2 --target corvane_bench_bus
-build/default/bench/corvane_bench_bus --calls 200 --rounds 3
+build/default/bench/corvane_bench_bus --calls 200 --rounds 3 --phase-ms 300
 bash tools/example.sh

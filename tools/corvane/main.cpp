@@ -402,7 +402,8 @@ int sendVerb(const Args& a, uint8_t intf) {
     std::string line = std::string(m.name) + " -> " + (command ? to : "*");
     if (o.toPid >= 0) line += "[" + std::to_string(o.toPid) + "]";
     line += ": status " + statusNumber(o.status) + " (" + quibDbus_strerror(o.status);
-    if (o.status == QUIB_DBUS_E_TIMEOUT) line += ", " + std::to_string(o.timeoutMs) + " ms";
+    if (o.status == QUIB_DBUS_E_TIMEOUT)
+        line += ", " + std::to_string(o.timeoutMs) + " ms; the command may still have run";
     line += ")";
     if (o.status != 0) {
         j["log"] = o.log;
