@@ -107,7 +107,7 @@ TEST_F(OnTheBus, CallAndEmitReachTheDaemonsAndTheMonitorShowsThem) {
     };
     // Runs corvane, checks its exit status and its one line (stdout when it
     // exits 0, else stderr), and returns the call or signal the monitor saw
-    // it send.
+    // it send (none for an empty method).
     auto send = [&](std::vector<std::string> args, const std::string& method, int rc,
                     const std::string& line) {
         const auto t = Clock::now();
@@ -118,6 +118,7 @@ TEST_F(OnTheBus, CallAndEmitReachTheDaemonsAndTheMonitorShowsThem) {
             << p->stdout_() << p->stderr_();
         EXPECT_EQ(p->stderr_().empty(), rc == 0) << p->stderr_();
         const std::string self = "corvane-" + std::to_string(p->pid);
+        if (method.empty()) return Json();  // nothing goes on the bus
         const Json sent = monitorLine([&](Json j) {
             return j["sender"] == self && j["method"] == method && j["type"] != "return";
         });
@@ -140,7 +141,8 @@ TEST_F(OnTheBus, CallAndEmitReachTheDaemonsAndTheMonitorShowsThem) {
         SCOPED_TRACE(m->name);
         const bool command = m->intf == CORVANE_INTF_CMD;
         const Json payload = sample(*m);
-        const std::string to = command ? "mgmt\\[" + mgmtPid + "\\]" : "\\*";
+        // A notification goes to each subscriber: the voice daemon alone.
+        const std::string to = command ? "mgmt\\[" + mgmtPid + "\\]" : "\\* \\(1 subscriber\\)";
         Json sent = send({command ? "call" : "emit", m->name, payload.dump()}, m->name, 0,
                          "^" + std::string(m->name) + " -> " + to + ": status 0 \\(done\\)\n$");
         EXPECT_EQ(sent["payload"], payload);
@@ -156,6 +158,14 @@ TEST_F(OnTheBus, CallAndEmitReachTheDaemonsAndTheMonitorShowsThem) {
         EXPECT_EQ(sent["destination_pid"], mgmt->pid);
         EXPECT_TRUE(answered(sent, 0)) << all->stdout_();
     }
+
+    // A notification to one subscriber by name, and to a user that is not
+    // on the bus.
+    send({"--json", "emit", "--to", "voice", "StopAutoCall"}, "StopAutoCall", 0,
+         "^\\{\"method\":\"StopAutoCall\",\"from\":\"corvane-\\d+\",\"to\":\"voice\","
+         "\"subscribers\":1,\"status\":0,\"status_text\":\"done\"\\}\n$");
+    send({"emit", "--to", "nobody", "StopAutoCall"}, "", 1,
+         "^corvane: StopAutoCall -> nobody \\(no subscriber\\): status 0x62 [^\n]*\n$");
 
     // A call's --json line, and calls that fail within their timeout.
     send({"--json", "call", "DeleteRepeater"}, "DeleteRepeater", 0,

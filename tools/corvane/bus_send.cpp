@@ -34,6 +34,8 @@ SendOutcome sendOnBus(const std::string& address, const SendEntry& e, const std:
         // A notification's send function returns nothing: the middleware
         // keeps the status of either kind of send.
         out.status = quibDbus_lastStatus(user);
+        QuibDbusSendReport report{};
+        if (quibDbus_lastSend(user, &report) == 0) out.subscribers = report.subscribers;
         if (e.intf == CORVANE_INTF_CMD) out.toPid = quibDbus_userPid(user, to.c_str());
         corVane_unregUser_msgMngt(user, CORVANE_SELECT_BOTH);
     }

@@ -383,12 +383,13 @@ int sendVerb(const Args& a, uint8_t intf) {
         timeoutMs = static_cast<uint32_t>(ms);
     }
     const std::string address = cvi::busAddress(a.value("bus"));
-    const std::string to = command ? a.value("to", "mgmt") : "";
+    const std::string to = command ? a.value("to", "mgmt") : a.value("to");
 
     const cvi::SendOutcome o = cvi::sendOnBus(address, *cvi::findSendEntry(m.name), to,
                                               payload.get(), timeoutMs);
     Json j{{"method", m.name}, {"from", o.from}};
-    if (command) j["to"] = to;
+    if (command || !to.empty()) j["to"] = to;
+    if (!command && o.joined) j["subscribers"] = o.subscribers;
     if (o.toPid >= 0) j["to_pid"] = o.toPid;
     j["status"] = o.status;
     j["status_text"] = quibDbus_strerror(o.status);
@@ -399,8 +400,12 @@ int sendVerb(const Args& a, uint8_t intf) {
                                         quibDbus_strerror(o.status) + " (status " +
                                         statusNumber(o.status) + ")", j);
     }
-    std::string line = std::string(m.name) + " -> " + (command ? to : "*");
+    std::string line = std::string(m.name) + " -> " + (to.empty() ? "*" : to);
     if (o.toPid >= 0) line += "[" + std::to_string(o.toPid) + "]";
+    if (!command)
+        line += o.subscribers == 0 ? " (no subscriber)"
+                                   : " (" + std::to_string(o.subscribers) +
+                                         (o.subscribers == 1 ? " subscriber)" : " subscribers)");
     line += ": status " + statusNumber(o.status) + " (" + quibDbus_strerror(o.status);
     if (o.status == QUIB_DBUS_E_TIMEOUT)
         line += ", " + std::to_string(o.timeoutMs) + " ms; the command may still have run";

@@ -24,8 +24,8 @@ namespace {
          return corVane_sendReq_##name(user, nullptr, toUser, CVI_ARGS_##shape(P, payload));       \
      }},
 #define CVI_NOTIFICATION_ROW(index, Name, name, NAME, magic, key, nu, P, shape)                    \
-    {#Name, CORVANE_INTF_NTFY, index, [](void* user, const char*, const void* payload) -> uint32_t { \
-         corVane_sendReq_ntfy##Name(user, nullptr, nullptr, CVI_ARGS_##shape(P, payload));         \
+    {#Name, CORVANE_INTF_NTFY, index, [](void* user, const char* toUser, const void* payload) -> uint32_t { \
+         corVane_sendReq_ntfy##Name(user, nullptr, *toUser ? const_cast<char*>(toUser) : nullptr, CVI_ARGS_##shape(P, payload)); \
          return 0;                                                                                 \
      }},
 

@@ -55,6 +55,7 @@ const OptionDef kCall[] = {
 };
 
 const OptionDef kEmit[] = {
+    {"--to", "USER", "Send it to this subscriber alone (default: every subscriber)"},
     {"METHOD", "METHOD", "The notification", Complete::kNotification, false, true},
     {"PAYLOAD", "JSON|@FILE", "The payload as JSON, or @FILE (@- for standard input); none: all zero"},
 };
@@ -124,9 +125,10 @@ const VerbDef kVerbs[] = {
      "timeout, a body the server refused, no handler (20).",
      kCall},
     {"emit", "Send one notification",
-     "Sends one notification (a signal to every subscriber) from a user of its own named "
-     "corvane-PID, its payload given as for call. Exits 0 when the middleware has sent it, "
-     "else 1 with one line naming the status.",
+     "Sends one notification from a user of its own named corvane-PID, its payload given as "
+     "for call: a signal to each subscriber of it on the bus (--to: to that user alone), and "
+     "prints to how many it went. Exits 0 when the middleware has sent it (to no subscriber "
+     "too: there was none), else 1 with one line naming the status.",
      kEmit},
     {"serve", "Serve the commands as the management side and print each one",
      "Serves every command as a user of its own on the bus (--name, by default mgmt), as the "
