@@ -46,17 +46,14 @@ size_t received(const Proc *p, const char *method)
 struct Needs {
     void *user = nullptr;
     bool push = false;
-    std::vector<std::pair<std::string, Clock::time_point>> calls;
-    size_t of(const std::string &who) const
-    {
-        return std::count_if(calls.begin(), calls.end(), [&](const auto &c) { return c.first == who; });
-    }
+    std::vector<std::string> calls;  // the users named
+    size_t of(const std::string &who) const { return std::count(calls.begin(), calls.end(), who); }
 };
 
 void onNeed(void *user, const char *userName, uint16_t, uint16_t method, void *arg)
 {
     auto *n = static_cast<Needs *>(arg);
-    n->calls.emplace_back(userName, Clock::now());
+    n->calls.emplace_back(userName);
     if (n->push && method == corVane_messageByName("OnChangeObjectAccount")->index) {
         const Account account{};
         corVane_sendReq_ntfyOnChangeObjectAccount(user, nullptr, const_cast<char *>(userName),
@@ -69,12 +66,7 @@ void *const kOnNeed = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(onNee
 // Runs the loop until done() or ms have passed; whether done().
 bool runUntil(const std::function<bool()> &done, int ms)
 {
-    for (const auto end = Clock::now() + milliseconds(ms); !done();) {
-        if (Clock::now() > end)
-            return false;
-        ranqDbus_runFor(10);
-    }
-    return true;
+    return done() || waitUntil([&] { ranqDbus_runFor(10); return done(); }, ms);
 }
 
 long msSince(Clock::time_point t)
