@@ -441,7 +441,6 @@ TEST(Traffic, EntriesAnswersAndOwners) {
     EXPECT_EQ(r.entry->json["payload"]["value1"], 3);
     EXPECT_EQ(r.entry->text.substr(0, r.entry->text.find('\n')),
               "call SetLineCallState voice[44] -> org.corvane.user.mgmt, serial 11, 60 bytes");
-    EXPECT_EQ(cvi::endpointsText(r.entry->json), "voice[44] -> org.corvane.user.mgmt");
 
     DbusMessage ret;
     ret.type = DbusMessage::kMethodReturn;
