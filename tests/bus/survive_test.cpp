@@ -2,9 +2,11 @@
 // side restarted, the broker restarted at the same address, a burst past the
 // bounds. Each test runs on private dbus-daemons with the daemons of
 // examples/; every wait is bounded.
-#include <atomic>
-#include <map>
 #include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <thread>
 
 #include "bus_support.h"
 
@@ -36,7 +38,7 @@ long rssKiB(pid_t pid)
 // Lines of a daemon's stdout that say it received that notification.
 size_t received(const Proc *p, const char *method)
 {
-    return countOf(slurp(p->out), std::string(" ") + method + ": notification, ");
+    return countOf(p->stdout_(), std::string(" ") + method + ": notification, ");
 }
 
 // The need-update callbacks a serving side got, and (with `push`) the
@@ -44,17 +46,14 @@ size_t received(const Proc *p, const char *method)
 struct Needs {
     void *user = nullptr;
     bool push = false;
-    std::vector<std::pair<std::string, Clock::time_point>> calls;
-    size_t of(const std::string &who) const
-    {
-        return std::count_if(calls.begin(), calls.end(), [&](const auto &c) { return c.first == who; });
-    }
+    std::vector<std::string> calls;  // the users named
+    size_t of(const std::string &who) const { return std::count(calls.begin(), calls.end(), who); }
 };
 
 void onNeed(void *user, const char *userName, uint16_t, uint16_t method, void *arg)
 {
     auto *n = static_cast<Needs *>(arg);
-    n->calls.emplace_back(userName, Clock::now());
+    n->calls.emplace_back(userName);
     if (n->push && method == corVane_messageByName("OnChangeObjectAccount")->index) {
         const Account account{};
         corVane_sendReq_ntfyOnChangeObjectAccount(user, nullptr, const_cast<char *>(userName),
@@ -67,12 +66,7 @@ void *const kOnNeed = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(onNee
 // Runs the loop until done() or ms have passed; whether done().
 bool runUntil(const std::function<bool()> &done, int ms)
 {
-    for (const auto end = Clock::now() + milliseconds(ms); !done();) {
-        if (Clock::now() > end)
-            return false;
-        ranqDbus_runFor(10);
-    }
-    return true;
+    return done() || waitUntil([&] { ranqDbus_runFor(10); return done(); }, ms);
 }
 
 long msSince(Clock::time_point t)
@@ -88,21 +82,10 @@ protected:
     // system bus does the same at 127 MB. Its address.
     std::string smallBus(long limit)
     {
-        const std::string conf = dir + "/small.conf", bus = "unix:path=" + dir + "/small-bus";
-        std::ofstream(conf)
-            << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
-               "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-               "<busconfig><type>session</type><listen>"
-            << bus
-            << "</listen><auth>EXTERNAL</auth>\n"
-               "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-               "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>\n"
-               "<limit name=\"max_incoming_bytes\">"
-            << limit << "</limit><limit name=\"max_outgoing_bytes\">" << limit
-            << "</limit></busconfig>\n";
-        spawn({"dbus-daemon", "--config-file=" + conf, "--nofork", "--print-address"}, "small-bus",
-              "unix:");
-        return bus;
+        const std::string n = std::to_string(limit);
+        return startBus("small-bus", "session",
+                        std::string(kOpenPolicy) + "<limit name=\"max_incoming_bytes\">" + n +
+                            "</limit><limit name=\"max_outgoing_bytes\">" + n + "</limit>\n");
     }
 };
 
@@ -125,10 +108,8 @@ TEST_F(Survive, AFrozenSubscriberStallsNoOne)
     Needs needs{sender, true, {}};
     ASSERT_EQ(corVane_modSrv_needUpdate_ntfyOnChangeObjectAccount(sender, kOnNeed, &needs, nullptr),
               0u);
-    Proc *healthy = spawn({VOICE_SIM, "--bus", small, "--name", "healthy", "--to", "late"},
-                          "healthy", "subscribed");
-    Proc *frozen = spawn({VOICE_SIM, "--bus", small, "--name", "frozen", "--to", "late"}, "frozen",
-                         "subscribed");
+    Proc *healthy = spawn({VOICE_SIM, "--bus", small, "--name", "healthy", "--to", "late"}, "subscribed");
+    Proc *frozen = spawn({VOICE_SIM, "--bus", small, "--name", "frozen", "--to", "late"}, "subscribed");
     // Both appear to the serving side, which pushes the state to each.
     ASSERT_TRUE(runUntil([&] { return needs.of("healthy") == 1 && needs.of("frozen") == 1; }, 3000));
     ASSERT_TRUE(runUntil([&] { return received(frozen, "OnChangeObjectAccount") == 1; }, 3000));
@@ -138,11 +119,11 @@ TEST_F(Survive, AFrozenSubscriberStallsNoOne)
     std::atomic<bool> stop = false;
     std::vector<std::pair<std::string, long>> answers;  // answer, ms
     std::thread caller([&] {
-        Raw raw(small);
+        RawBus raw(small);
         const Bytes body = wire("SetLineCallState", &kCallState);
         while (!stop) {
             const auto t = Clock::now();
-            const std::string answer = raw.send("SetLineCallState", body, "mgmt");
+            const std::string answer = raw.command(kMgmt, "SetLineCallState", body);
             answers.emplace_back(answer, msSince(t));
             std::this_thread::sleep_for(milliseconds(20));
         }
@@ -220,7 +201,7 @@ constexpr size_t kState = 14;
 
 size_t stateLinesFrom(const Proc *voice, pid_t mgmt)
 {
-    return countOf(slurp(voice->out), " <- mgmt[" + std::to_string(mgmt) + "] ");
+    return countOf(voice->stdout_(), " <- mgmt[" + std::to_string(mgmt) + "] ");
 }
 
 // Either side restarted under the other: the management daemon killed and
@@ -231,32 +212,32 @@ size_t stateLinesFrom(const Proc *voice, pid_t mgmt)
 TEST_F(Survive, EitherSideRestarted)
 {
     Proc *m = mgmt("mgmt");
-    Proc *v = spawn({VOICE_SIM, "--bus", address}, "voice", "subscribed");
+    Proc *v = voice();
     // Its state when it appeared, the 16 others after its hello.
-    ASSERT_TRUE(waitUntil([&] { return stateLinesFrom(v, m->pid) == 30; }, 5000)) << slurp(v->out);
+    ASSERT_TRUE(waitUntil([&] { return stateLinesFrom(v, m->pid) == 30; }, 5000)) << v->stdout_();
     m->stop(SIGKILL, 2000);
     Proc *again = mgmt("mgmt");
     const auto started = Clock::now();
     EXPECT_TRUE(waitUntil([&] { return stateLinesFrom(v, again->pid) == kState; }, 3000))
-        << slurp(v->out);
+        << v->stdout_();
     EXPECT_LT(msSince(started), 1000);
-    EXPECT_EQ(countOf(slurp(again->out), " SetCapabilities: command"), 0u);
+    EXPECT_EQ(countOf(again->stdout_(), " SetCapabilities: command"), 0u);
     for (uint16_t i = 0; i < CORVANE_NTFY_COUNT; ++i) {
         const CorVaneMessageInfo *n = corVane_messageInfo(CORVANE_INTF_NTFY, i);
         const bool state = (n->flags & CORVANE_MSG_NEED_UPDATE) != 0;
-        EXPECT_EQ(countOf(slurp(v->out), "<- mgmt[" + std::to_string(again->pid) + "] " + n->name +
+        EXPECT_EQ(countOf(v->stdout_(), "<- mgmt[" + std::to_string(again->pid) + "] " + n->name +
                                              ": notification, "),
                   state ? 1u : 0u)
             << n->name;
     }
 
     v->stop(SIGKILL, 2000);
-    Proc *v2 = spawn({VOICE_SIM, "--bus", address, "--to", "late"}, "voice-again", "subscribed");
+    Proc *v2 = voice({"--to", "late"});
     const auto subscribed = Clock::now();
     EXPECT_TRUE(waitUntil([&] { return stateLinesFrom(v2, again->pid) == kState; }, 3000))
-        << slurp(v2->out);
+        << v2->stdout_();
     EXPECT_LT(msSince(subscribed), 1000);
-    EXPECT_EQ(countOf(slurp(v2->out), "sample payload"), kState);
+    EXPECT_EQ(countOf(v2->stdout_(), "sample payload"), kState);
 }
 
 // The broker killed, then started again at the same address: both daemons
@@ -268,13 +249,13 @@ TEST_F(Survive, EitherSideRestarted)
 TEST_F(Survive, TheBrokerRestarted)
 {
     Proc *m = mgmt("mgmt");
-    Proc *v = spawn({VOICE_SIM, "--bus", address}, "voice", "subscribed");
-    ASSERT_TRUE(waitUntil([&] { return stateLinesFrom(v, m->pid) == 30; }, 5000)) << slurp(v->out);
+    Proc *v = voice();
+    ASSERT_TRUE(waitUntil([&] { return stateLinesFrom(v, m->pid) == 30; }, 5000)) << v->stdout_();
     ASSERT_EQ(procs[0]->stop(SIGKILL, 2000), 128 + SIGKILL);
     for (const Proc *p : {m, v})
-        EXPECT_TRUE(waitUntil([&] { return countOf(slurp(p->out), ": the bus went away; reconnecting\n") == 1; },
+        EXPECT_TRUE(waitUntil([&] { return countOf(p->stdout_(), ": the bus went away; reconnecting\n") == 1; },
                               3000))
-            << slurp(p->out);
+            << p->stdout_();
     auto t = Clock::now();
     const uint32_t first = sendCallState(self, "mgmt");
     EXPECT_TRUE(first == QUIB_DBUS_E_DISCONNECTED || first == QUIB_DBUS_E_AWAY) << first;
@@ -283,8 +264,7 @@ TEST_F(Survive, TheBrokerRestarted)
     EXPECT_LT(msSince(t), 100);
     std::this_thread::sleep_for(milliseconds(1200));  // the daemons try every 500 ms by now
 
-    spawn({"dbus-daemon", "--session", "--address=" + address, "--nofork", "--print-address"},
-          "dbus-daemon-again", "unix:");
+    spawn({"dbus-daemon", "--session", "--address=" + address, "--nofork", "--print-address"}, "unix:");
     const auto back = Clock::now();
     long calledBack = -1;
     while (msSince(back) < 3000 && calledBack < 0) {
@@ -297,13 +277,12 @@ TEST_F(Survive, TheBrokerRestarted)
     EXPECT_LT(calledBack, 1000);
     EXPECT_EQ(quibDbus_busStatus(self), 0u);
     EXPECT_TRUE(waitUntil([&] { return stateLinesFrom(v, m->pid) == 30 + kState; }, 3000))
-        << slurp(v->out);
+        << v->stdout_();
     EXPECT_LT(msSince(back), 1000);
-    Raw raw(address);
-    EXPECT_EQ(raw.send("SetLineCallState", wire("SetLineCallState", &kCallState), "mgmt"), "0");
-    for (const Proc *p : {m, v}) {
-        EXPECT_EQ(countOf(slurp(p->out), ": back on the bus\n"), 1u) << slurp(p->out);
-        EXPECT_EQ(const_cast<Proc *>(p)->wait(0), -1) << "still up";
+    EXPECT_EQ(RawBus(address).command(kMgmt, "SetLineCallState", wire("SetLineCallState", &kCallState)), "0");
+    for (Proc *p : {m, v}) {
+        EXPECT_EQ(countOf(p->stdout_(), ": back on the bus\n"), 1u) << p->stdout_();
+        EXPECT_EQ(p->wait(0), -1) << "still up";
     }
     QuibDbusCounters counters{};
     ASSERT_EQ(quibDbus_counters(self, &counters), 0);
@@ -324,7 +303,7 @@ TEST_F(Survive, ABurstPastTheBounds)
     Needs needs{self, false, {}};
     ASSERT_EQ(corVane_modSrv_needUpdate_ntfyOnAddObjectVoiceProfile(self, kOnNeed, &needs, nullptr),
               0u);
-    Proc *v = spawn({VOICE_SIM, "--bus", address, "--to", "late"}, "voice", "subscribed");
+    Proc *v = voice({"--to", "late"});
     ASSERT_TRUE(runUntil([&] { return needs.of("voice") == 1; }, 3000));
 
     const VoiceProfile profile{};
@@ -349,14 +328,11 @@ TEST_F(Survive, ABurstPastTheBounds)
     EXPECT_LT(msSince(t), 3000);
     EXPECT_LT(rssKiB(getpid()) - rssBefore, 8 * 1024) << "KiB";
     EXPECT_EQ(sentFirst, window) << bytes << " bytes each";
-    EXPECT_EQ(statuses[0], window);
     EXPECT_EQ(statuses[QUIB_DBUS_E_QUEUE_FULL], 20000 - window);
     EXPECT_EQ(report.status, QUIB_DBUS_E_QUEUE_FULL);
     EXPECT_EQ(report.subscribers, 1u);
     EXPECT_EQ(report.sent, 0u);
     EXPECT_EQ(report.queueFull, 1u);
-    EXPECT_STREQ(quibDbus_strerror(QUIB_DBUS_E_QUEUE_FULL),
-                 "queue full: too much not yet read by the bus or the subscriber");
     const auto drained = Clock::now();
     ASSERT_TRUE(runUntil([&] { return needs.of("voice") == 2; }, 3000));
     EXPECT_LT(msSince(drained), 1000);
@@ -365,13 +341,13 @@ TEST_F(Survive, ABurstPastTheBounds)
     EXPECT_EQ(loggedLines("user 1_test-\xc3\xa9: subscriber voice (:"), 1u);
 
     // Forty subscribers that never read tell this user their subscription.
-    std::vector<std::unique_ptr<Raw>> readers;
+    std::vector<std::unique_ptr<RawBus>> readers;
     for (int i = 0; i < 40; ++i) {
-        readers.push_back(std::make_unique<Raw>(address, ("reader" + std::to_string(i)).c_str()));
+        readers.push_back(std::make_unique<RawBus>(address, ("reader" + std::to_string(i)).c_str()));
         sd_bus_message *m = nullptr;
         sd_bus_message_new_signal(readers.back()->bus, &m, "/org/corvane/Middleware",
                                   "org.corvane.Middleware", "SubscriptionsChanged");
-        sd_bus_message_set_destination(m, (std::string("org.corvane.user.") + kSelfOnTheBus).c_str());
+        sd_bus_message_set_destination(m, kSelfOnTheBus.c_str());
         sd_bus_message_append(m, "a(ss)", 1, kNtfy, "OnAddObjectVoiceProfile");
         EXPECT_GE(sd_bus_send(readers.back()->bus, m, nullptr), 0);
         sd_bus_flush(readers.back()->bus);

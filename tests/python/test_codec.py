@@ -29,19 +29,6 @@ def test_the_catalogue_and_the_schemas_are_the_command_line_s():
         assert mine["size"] == s["size"], s["name"]
         assert mine["fields"] == [{k: v for k, v in f.items() if k not in ("wire_bytes", "reserved")}
                                   for f in s["fields"]], s["name"]
-    # The samples below fill every field of every record reachable from a
-    # payload: all record types but outBoundProxy, which no message carries.
-    reached = set()
-
-    def walk(schema):
-        reached.add(schema.name)
-        for f in schema.fields:
-            if f.record is not None:
-                walk(f.record)
-
-    for m in corvane.messages():
-        walk(m.payload)
-    assert {s["name"] for s in schemas} - reached == {"outBoundProxy"}
 
 
 @pytest.mark.parametrize("name", NAMES)

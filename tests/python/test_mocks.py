@@ -2,20 +2,17 @@
 blocking caller, records in order, notifications between two mocks, bounded
 waits that say what arrived, and payloads refused in the test process."""
 
-import json
-import subprocess
 import time
 
 import pytest
 
 import corvane
 from corvane.testing import CorvaneBus, WaitTimeout
-from conftest import EXE
+from conftest import cli
 
 
-def call(*args, timeout=20):
-    r = subprocess.run([EXE, "call"] + list(args), capture_output=True, text=True, timeout=timeout)
-    return r.returncode, r.stdout, r.stderr
+def call(*args):
+    return cli("call", *args)
 
 
 def test_a_blocking_caller_is_answered_and_recorded(corvane_bus):

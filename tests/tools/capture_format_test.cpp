@@ -356,74 +356,38 @@ TEST(Capture, ReadsThePcapAndPcapngVariants) {
     EXPECT_FALSE(cvi::isCaptureFile(std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0, 4}));
 }
 
-// The dumps of the D-Bus tools of one SetLineCallState call, as they print it.
+// The dumps the D-Bus tools printed of the daemons' SetLineCallState call
+// (data/: dbus-monitor's with the answer before it, busctl monitor's in
+// colour, tshark -P -x of its frame): each is that one message's bytes (for
+// tshark the whole D-Bus message, whose ay is the body); twice in a file,
+// refused and counted; a BYTE that is none, a row missing, refused.
 TEST(HexInput, ReadsTheDumpsOfDbusTools) {
-    const std::vector<uint8_t> body = encoded("SetLineCallState", {{"value1", 10000}, {"value2", 32}});
-    std::ostringstream monitor, busctl;
-    monitor << "signal time=1.2 sender=org.freedesktop.DBus -> destination=:1.9 serial=2 path=/; member=NameAcquired\n"
-               "   string \":1.9\"\n"
-               "method call time=1795555816.504769 sender=:1.4 -> destination=org.corvane.user.mgmt "
-               "serial=43 path=/org/corvane/CorVaneCmd; interface=org.corvane.CorVaneCmd; member=SetLineCallState\n"
-               "   array of bytes [\n";
-    for (size_t i = 0; i < body.size(); ++i) {
-        char b[16];
-        std::snprintf(b, sizeof b, "%s%02x", i % 24 ? " " : "      ", body[i]);
-        monitor << b << (i % 24 == 23 || i + 1 == body.size() ? "\n" : "");
-    }
-    monitor << "   ]\n";
-    busctl << "\xe2\x80\xa3 Type=method_call  Endian=l  Flags=0  Version=1 Cookie=43  Timestamp=\"Tue 2026-11-24\"\n"
-              "  Sender=:1.4  Destination=org.corvane.user.mgmt  Path=/org/corvane/CorVaneCmd  "
-              "Interface=org.corvane.CorVaneCmd  \x1b[1mMember=SetLineCallState\x1b[0m\n"
-              "  UniqueName=:1.4\n  MESSAGE \"ay\" {\n          ARRAY \"y\" {\n";
-    for (uint8_t b : body) busctl << "                  BYTE " << unsigned{b} << ";\n";
-    busctl << "          };\n  };\n\n";
-    const std::vector<uint8_t> message = cvi::marshalDbusMessage(call("SetLineCallState", body));
-    std::ostringstream tshark;
-    tshark << "  137   0.089061 :1.1 \xe2\x86\x92 org.corvane.user.mgmt D-Bus 232 SetLineCallState()\n\n";
-    for (size_t row = 0; row < message.size(); row += 16) {
-        char line[128];
-        int n = std::snprintf(line, sizeof line, "%04zx ", row);
-        std::string ascii;
-        for (size_t i = row; i < row + 16; ++i) {
-            if (i < message.size()) {
-                n += std::snprintf(line + n, sizeof line - static_cast<size_t>(n), " %02x", message[i]);
-                ascii += message[i] >= 0x20 && message[i] < 0x7f ? static_cast<char>(message[i]) : '.';
-            } else {
-                n += std::snprintf(line + n, sizeof line - static_cast<size_t>(n), "   ");
-            }
-        }
-        tshark << line << "   " << ascii << "\n";
-    }
-    struct Case {
-        const char* tool;
-        std::string text;
-        const std::vector<uint8_t>* bytes;
-        const char* member;
-    } cases[] = {
-        {"dbus-monitor", monitor.str(), &body, "SetLineCallState"},
-        {"busctl monitor", busctl.str(), &body, "SetLineCallState"},
-        {"tshark -x", tshark.str(), &message, ""},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.tool);
+    const std::vector<uint8_t> body = encoded("SetLineCallState", {{"value1", 10000}, {"value2", 10001}, {"value3", 10002}});
+    std::map<std::string, std::string> dumps;
+    for (const auto& [tool, file] : {std::pair{"dbus-monitor", "dbus-monitor"}, {"busctl monitor", "busctl-monitor"},
+                                     {"tshark -x", "tshark-x"}}) {
+        SCOPED_TRACE(tool);
+        const std::string text = dumps[tool] = cvi::readInput(std::string(CORVANE_DATA "/SetLineCallState.") + file);
         cvi::HexDump d;
-        ASSERT_NO_THROW(d = cvi::parseDump(c.text)) << c.text;
-        EXPECT_EQ(d.tool, c.tool);
-        EXPECT_EQ(d.bytes, *c.bytes);
-        EXPECT_EQ(d.member, c.member);
-        // Two messages in one dump: refused, counted.
+        ASSERT_NO_THROW(d = cvi::parseDump(text)) << text;
+        EXPECT_EQ(d.tool, tool);
+        const bool whole = d.tool == "tshark -x";
+        EXPECT_EQ(d.member, whole ? "" : "SetLineCallState");
+        const auto m = cvi::parseDbusMessage(d.bytes, nullptr);
+        EXPECT_EQ(whole && m && m->byteArray() ? std::vector<uint8_t>(m->byteArray()->begin(), m->byteArray()->end())
+                                               : d.bytes,
+                  body);
         try {
-            cvi::parseDump(c.text + c.text);
+            cvi::parseDump(text + text);
             ADD_FAILURE() << "two messages accepted";
         } catch (const cvi::SeveralMessages& e) {
             EXPECT_NE(std::string(e.what()).find("holds 2 "), std::string::npos) << e.what();
         }
     }
-    // A BYTE line that is none, a row missing from tshark's dump.
-    std::string text = busctl.str();
-    text.replace(text.find("BYTE 4;"), 7, "BYTE 256;");
+    std::string text = dumps["busctl monitor"];
+    text.replace(text.find("BYTE \x1b[0;1;39m4\x1b"), 15, "BYTE \x1b[0;1;39m256");
     EXPECT_THROW(cvi::parseDump(text), std::runtime_error);
-    text = tshark.str();
+    text = dumps["tshark -x"];
     const size_t row = text.find("\n0010");
     text.erase(row, text.find('\n', row + 1) - row);
     try {
@@ -477,7 +441,6 @@ TEST(Traffic, EntriesAnswersAndOwners) {
     EXPECT_EQ(r.entry->json["payload"]["value1"], 3);
     EXPECT_EQ(r.entry->text.substr(0, r.entry->text.find('\n')),
               "call SetLineCallState voice[44] -> org.corvane.user.mgmt, serial 11, 60 bytes");
-    EXPECT_EQ(cvi::endpointsText(r.entry->json), "voice[44] -> org.corvane.user.mgmt");
 
     DbusMessage ret;
     ret.type = DbusMessage::kMethodReturn;
