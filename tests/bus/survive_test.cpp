@@ -262,7 +262,9 @@ TEST_F(Survive, TheBrokerRestarted)
     EXPECT_EQ(sendCallState(self, "mgmt"), QUIB_DBUS_E_AWAY);
     EXPECT_EQ(quibDbus_busStatus(self), QUIB_DBUS_E_AWAY);
     EXPECT_LT(msSince(t), 100);
-    std::this_thread::sleep_for(milliseconds(1200));  // the daemons try every 500 ms by now
+    // Long enough that the attempts are as far apart as they get: every
+    // 500 ms, not 800 or 1600 as a doubling without its cap would have it.
+    std::this_thread::sleep_for(milliseconds(3300));
 
     spawn({"dbus-daemon", "--session", "--address=" + address, "--nofork", "--print-address"}, "unix:");
     const auto back = Clock::now();
@@ -339,6 +341,17 @@ TEST_F(Survive, ABurstPastTheBounds)
     EXPECT_TRUE(waitUntil([&] { return received(v, "OnAddObjectVoiceProfile") == window; }, 3000));
     EXPECT_EQ(loggedLines("user 1_test-\xc3\xa9: subscriber voice, "), 1u);
     EXPECT_EQ(loggedLines("user 1_test-\xc3\xa9: subscriber voice (:"), 1u);
+
+    // Bodies of 36 bytes fill the window by its count of messages.
+    size_t small = 0;
+    for (int i = 0; i < 1000; ++i) {
+        corVane_sendReq_ntfyDebugMode(self, nullptr, nullptr, 1);
+        if (quibDbus_lastStatus(self) != 0)
+            break;
+        ++small;
+    }
+    EXPECT_EQ(small, size_t{QUIB_DBUS_WINDOW_MESSAGES});
+    EXPECT_TRUE(runUntil([&] { return received(v, "DebugMode") == small; }, 3000));
 
     // Forty subscribers that never read tell this user their subscription.
     std::vector<std::unique_ptr<RawBus>> readers;
