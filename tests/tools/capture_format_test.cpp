@@ -300,7 +300,8 @@ TEST(Capture, ReadsThePcapAndPcapngVariants) {
 
     // pcapng: a big-endian section with an interface of another link type
     // and one in 2^-10 s, then a little-endian section whose interface 0
-    // gets a simple packet.
+    // gets a simple packet and a packet of the obsolete kind (its interface
+    // in 16 bits, then a count of drops).
     Le ng;
     ng.big = true;
     ng.block(0x0a0d0d0a, [](Le& s) { s.u32(0x1a2b3c4d).u16(1).u16(0).u32(0xffffffff).u32(0xffffffff); });
@@ -318,9 +319,10 @@ TEST(Capture, ReadsThePcapAndPcapngVariants) {
     ng.block(0x0a0d0d0a, [](Le& s) { s.u32(0x1a2b3c4d).u16(1).u16(0).u32(0xffffffff).u32(0xffffffff); });
     ng.block(1, [](Le& s) { s.u16(231).u16(0).u32(0); });
     ng.block(3, [&](Le& s) { s.u32(static_cast<uint32_t>(msg.size())).bytes(msg); });
+    ng.block(2, [&](Le& s) { s.u16(0).u16(9).u32(0).u32(7).u32(static_cast<uint32_t>(msg.size())).u32(static_cast<uint32_t>(msg.size())).bytes(msg); });
     c = cvi::readCapture(ng.b);
     ASSERT_FALSE(c.damage) << *c.damage;
-    ASSERT_EQ(c.frames.size(), 3u);
+    ASSERT_EQ(c.frames.size(), 4u);
     EXPECT_EQ(c.frames[0].linkType, 231u);
     EXPECT_EQ(c.frames[0].seconds, 3u);
     EXPECT_EQ(c.frames[0].nanoseconds, 500000000u);
@@ -328,6 +330,9 @@ TEST(Capture, ReadsThePcapAndPcapngVariants) {
     EXPECT_EQ(c.frames[2].number, 3u);
     EXPECT_EQ(c.frames[2].linkType, 231u);
     EXPECT_EQ(c.frames[2].data.size(), msg.size());
+    EXPECT_EQ(c.frames[3].linkType, 231u);
+    EXPECT_EQ(c.frames[3].nanoseconds, 7000u);
+    EXPECT_EQ(c.frames[3].data.size(), msg.size());
 
     // Each field that bounds a read, made to lie: one line naming it. The
     // section header takes bytes 0-27, the interfaces 28-47 and 48-79 (its

@@ -199,17 +199,12 @@ void readPcapng(std::span<const uint8_t> b, Capture& c) {
                 interfaces.push_back(i);
                 break;
             }
-            case kEnhancedPacket: {
-                need(20);
-                const Interface& i = iface(w.u32(o + 8));
-                const uint64_t ticks = uint64_t{w.u32(o + 12)} << 32 | w.u32(o + 16);
-                CaptureFrame* f = packet(i, o + 28, w.u32(o + 20), w.u32(o + 24));
-                setTime(*f, ticks, i.unitsPerSecond, i.offsetSeconds);
-                break;
-            }
+            case kEnhancedPacket:
             case kObsoletePacket: {
+                // The same layout but for the interface's number: 32 bits in
+                // an enhanced packet, 16 (and a drop count) in an obsolete one.
                 need(20);
-                const Interface& i = iface(w.u16(o + 8));
+                const Interface& i = iface(type == kEnhancedPacket ? w.u32(o + 8) : w.u16(o + 8));
                 const uint64_t ticks = uint64_t{w.u32(o + 12)} << 32 | w.u32(o + 16);
                 CaptureFrame* f = packet(i, o + 28, w.u32(o + 20), w.u32(o + 24));
                 setTime(*f, ticks, i.unitsPerSecond, i.offsetSeconds);
