@@ -325,7 +325,7 @@ std::vector<std::string> membersOf(const std::string &xml, const std::string &in
         else if (inside && !closing && (name == "method" || name == "signal"))
             out.push_back(name + " " + a["name"]);
         else if (inside && name == "arg" && !out.empty())
-            out.back() += " " + (a.count("direction") ? a["direction"] + ":" : "") + a["type"];
+            out.back() += std::string(" ") + (a.count("direction") ? a["direction"] + ":" : "") + a["type"];
         else if (inside && name == "annotation" && !out.empty() && a["value"] == "true")
             out.back() += " " + a["name"];
     }

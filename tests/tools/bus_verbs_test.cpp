@@ -81,7 +81,7 @@ TEST_F(OnTheBus, CallAndEmitReachTheDaemonsAndTheMonitorShowsThem) {
         // A notification goes to each subscriber: the voice daemon alone.
         const std::string to = command ? "mgmt\\[" + mgmtPid + "\\]" : "\\* \\(1 subscriber\\)";
         Json sent = send({command ? "call" : "emit", m->name, payload.dump()}, m->name, 0,
-                         "^" + std::string(m->name) + " -> " + to + ": status 0 \\(done\\)\n$");
+                         std::string("^") + m->name + " -> " + to + ": status 0 \\(done\\)\n$");
         EXPECT_EQ(sent["payload"], payload);
         // The sender is named by its unique name once it has left the bus;
         // the management daemon sends the samples of all notifications too.

@@ -16,7 +16,11 @@ std::string party(const Json& j, const char* who) {
     const Json& name = j[who];
     std::string out = name.is_null() ? "*" : name.get<std::string>();
     const std::string pidKey = std::string(who) + "_pid";
-    if (j.contains(pidKey)) out += "[" + std::to_string(j[pidKey].get<uint32_t>()) + "]";
+    if (j.contains(pidKey)) {  // appended piece by piece: GCC 12 at -O3 warns of "[" + string
+        out += '[';
+        out += std::to_string(j[pidKey].get<uint32_t>());
+        out += ']';
+    }
     return out;
 }
 
