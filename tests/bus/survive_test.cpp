@@ -116,9 +116,13 @@ TEST_F(Survive, AFrozenSubscriberStallsNoOne)
     ASSERT_EQ(kill(frozen->pid, SIGSTOP), 0);
 
     // Another user calls the management side all along.
-    std::atomic<bool> stop = false;
+    std::atomic<bool> stop = false, stopped = false;
     std::vector<std::pair<std::string, long>> answers;  // answer, ms
     std::thread caller([&] {
+        struct Done {
+            std::atomic<bool> &flag;
+            ~Done() { flag = true; }
+        } done{stopped};
         RawBus raw(small);
         const Bytes body = wire("SetLineCallState", &kCallState);
         while (!stop) {
@@ -143,7 +147,10 @@ TEST_F(Survive, AFrozenSubscriberStallsNoOne)
         ranqDbus_runFor(2);
     }
     const long rssAfter = rssKiB(getpid());
+    // A call made after the last turn of the loop is still served.
     stop = true;
+    for (const auto start = Clock::now(); !stopped && Clock::now() - start < milliseconds(5000);)
+        ranqDbus_runFor(10);
     caller.join();
 
     // The calls, answered in their usual time.
