@@ -69,7 +69,10 @@ CORVANE_API const CorVaneSchema *corVane_recordSchema(const char *name);
 /*
  * Generic record operations. They behave exactly as the typed operations of
  * the record the schema describes (log lines included), and they are what
- * the typed operations call.
+ * the typed operations call. A schema of no fields (whose field list may
+ * then be NULL) describes a record with nothing on the wire: serialize_lg
+ * gives 0, and the other operations return 0 without reading or writing a
+ * byte, the cursor left where it was.
  */
 CORVANE_API uint32_t corVane_record_copy(const CorVaneSchema *schema, void *destination,
                                          const void *source);

@@ -53,6 +53,7 @@ struct Filler {
             } else {
                 const uint32_t count = counts == Counts::kZero       ? 0u
                                        : counts == Counts::kCapacity ? f.capacity
+                                       : counts == Counts::kOne      ? 1u
                                                                      : 0xFFFFFFFFu;
                 if (f.kind == CORVANE_FIELD_ARRAY)
                     writeWord(rec + s.fields[i - 1].offset,

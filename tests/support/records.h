@@ -31,8 +31,9 @@ private:
 };
 
 // How the count of each counted array is set by fillFull: 0, the capacity,
-// or 0xFFFFFFFF (kept as received; only the capacity's entries count).
-enum class Counts { kZero, kCapacity, kAllOnes };
+// 0xFFFFFFFF (kept as received; only the capacity's entries count), or 1
+// (every kind of element once, in a short encoding).
+enum class Counts { kZero, kCapacity, kAllOnes, kOne };
 
 // Every word distinct and non-zero (derived from seed), every text at
 // capacity - 1 characters of distinct content, counts as asked. Every entry

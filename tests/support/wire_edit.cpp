@@ -66,4 +66,25 @@ std::string ptr(const void* p) {
     return buf;
 }
 
+uint32_t decode(const CorVaneSchema& s, void* rec, const uint8_t** in, const uint8_t* end) {
+    return end ? corVane_record_unserialize_bounded(&s, rec, in, end)
+               : corVane_record_unserialize(&s, rec, in);
+}
+
+std::string fnOf(const CorVaneSchema& s, const char* op) {
+    return std::string("corVane_") + s.name + op;
+}
+
+std::vector<std::string> errorBeforeLines(const Element& e, const uint8_t* wire, const char* op) {
+    std::vector<std::string> out;
+    for (auto it = e.levels.rbegin(); it != e.levels.rend(); ++it) {
+        const CorVaneSchema& s = *it->schema;
+        for (uint32_t j = it->fieldIndex + 1; j < s.fieldCount; ++j)
+            if ((s.flags & CORVANE_SCHEMA_ERROR_BEFORE_RESERVED) || s.fields[j].kind <= CORVANE_FIELD_TEXT)
+                out.push_back(fnOf(s, op) + ": pBody(" + ptr(wire + it->start) + "): Type(" +
+                              std::to_string(j + 3) + ") -> Error Before\n");
+    }
+    return out;
+}
+
 }  // namespace cvtest

@@ -67,4 +67,17 @@ private:
 // "%p" of a pointer, as the library prints it.
 std::string ptr(const void* p);
 
+// The bounded reader up to `end`, or the classic one when `end` is null.
+uint32_t decode(const CorVaneSchema& s, void* rec, const uint8_t** in, const uint8_t* end);
+
+// corVane_<Record><op>, the name a record's lines carry.
+std::string fnOf(const CorVaneSchema& s, const char* op = "_unserialize");
+
+// The "Error Before" lines a failure at element e gives, innermost record
+// first: each enclosing record names its later written fields (and its
+// reserved numbers too, where its schema says so). `wire` is where the
+// encoding starts.
+std::vector<std::string> errorBeforeLines(const Element& e, const uint8_t* wire,
+                                          const char* op = "_unserialize");
+
 }  // namespace cvtest
