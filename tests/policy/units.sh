@@ -89,6 +89,13 @@ read -ra voice_cmd <<<"$(field "${units[1]}" ExecStart)"
 env -u LD_LIBRARY_PATH "${mgmt_cmd[@]}" >"$work/mgmt.out" 2>"$work/mgmt.err" &
 mgmt=$!
 pids=("$mgmt" "${pids[@]}")
+# The voice service starts once the management side serves (as its unit is
+# ordered after it): a voice service whose first command reaches the
+# management side while that one is still joining the bus can miss the
+# notifications pushed in answer to it (those with a need for updates are
+# sent again, the others are not).
+for _ in $(seq 50); do grep -q ': serving ' "$work/mgmt.out" && break; sleep 0.1; done
+grep -q ': serving ' "$work/mgmt.out" || fail "corvane-mgmt-sim does not serve: $(cat "$work/mgmt.err")"
 env -u LD_LIBRARY_PATH "${voice_cmd[@]}" >"$work/voice.out" 2>"$work/voice.err" &
 voice=$!
 pids=("$voice" "${pids[@]}")
@@ -99,7 +106,7 @@ for _ in $(seq 100); do
   sleep 0.1
 done
 [ $done = 1 ] || fail "the services did not exchange the 49 messages:
-$(cat "$work/voice.out" "$work/voice.err" "$work/mgmt.err")"
+$(cat "$work/voice.out" "$work/voice.err" "$work/mgmt.out" "$work/mgmt.err")"
 sleep 0.3
 kill -0 "$voice" 2>/dev/null || fail "corvane-voice-sim stopped after the exchange: $(cat "$work/voice.err")"
 kill -TERM "$voice" "$mgmt"
