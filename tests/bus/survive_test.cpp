@@ -24,6 +24,17 @@ constexpr bool kMemoryCompared = false;
 constexpr bool kMemoryCompared = true;
 #endif
 
+// "Within a second", in ms. Sanitizer builds run several times slower, on
+// machines busy with other builds: they are given three. What these bounds
+// tell apart (a re-sync on time or only at the next probe, a capped back-off
+// or a doubling one, sends that fail at once or wait) stays apart in the
+// plain build.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr long kSecond = 3000;
+#else
+constexpr long kSecond = 1000;
+#endif
+
 long rssKiB(pid_t pid)
 {
     if (!kMemoryCompared)
@@ -163,7 +174,7 @@ TEST_F(Survive, AFrozenSubscriberStallsNoOne)
         slowest = std::max(slowest, ms);
     }
     EXPECT_EQ(answered, answers.size()) << answers.front().first;
-    EXPECT_LT(slowest, 1000) << answers.size() << " calls";
+    EXPECT_LT(slowest, kSecond) << answers.size() << " calls";
     // The last sends: one subscriber sent to, the stopped one skipped.
     EXPECT_EQ(last.subscribers, 2u);
     EXPECT_EQ(last.sent, 1u);
@@ -185,7 +196,7 @@ TEST_F(Survive, AFrozenSubscriberStallsNoOne)
     ASSERT_EQ(kill(frozen->pid, SIGCONT), 0);
     const auto resumed = Clock::now();
     ASSERT_TRUE(runUntil([&] { return needs.of("frozen") == 2; }, 3000));
-    EXPECT_LT(msSince(resumed), 1000);
+    EXPECT_LT(msSince(resumed), kSecond);
     EXPECT_EQ(loggedLines("user mgmt: subscriber frozen ("), 1u);
     QuibDbusCounters counters{};
     ASSERT_EQ(quibDbus_counters(sender, &counters), 0);
@@ -227,7 +238,7 @@ TEST_F(Survive, EitherSideRestarted)
     const auto started = Clock::now();
     EXPECT_TRUE(waitUntil([&] { return stateLinesFrom(v, again->pid) == kState; }, 3000))
         << v->stdout_();
-    EXPECT_LT(msSince(started), 1000);
+    EXPECT_LT(msSince(started), kSecond);
     EXPECT_EQ(countOf(again->stdout_(), " SetCapabilities: command"), 0u);
     for (uint16_t i = 0; i < CORVANE_NTFY_COUNT; ++i) {
         const CorVaneMessageInfo *n = corVane_messageInfo(CORVANE_INTF_NTFY, i);
@@ -243,7 +254,7 @@ TEST_F(Survive, EitherSideRestarted)
     const auto subscribed = Clock::now();
     EXPECT_TRUE(waitUntil([&] { return stateLinesFrom(v2, again->pid) == kState; }, 3000))
         << v2->stdout_();
-    EXPECT_LT(msSince(subscribed), 1000);
+    EXPECT_LT(msSince(subscribed), kSecond);
     EXPECT_EQ(countOf(v2->stdout_(), "sample payload"), kState);
 }
 
@@ -268,7 +279,7 @@ TEST_F(Survive, TheBrokerRestarted)
     EXPECT_TRUE(first == QUIB_DBUS_E_DISCONNECTED || first == QUIB_DBUS_E_AWAY) << first;
     EXPECT_EQ(sendCallState(self, "mgmt"), QUIB_DBUS_E_AWAY);
     EXPECT_EQ(quibDbus_busStatus(self), QUIB_DBUS_E_AWAY);
-    EXPECT_LT(msSince(t), 100);
+    EXPECT_LT(msSince(t), kSecond / 10);
     // Long enough that the attempts are as far apart as they get: every
     // 500 ms, not 800 or 1600 as a doubling without its cap would have it.
     std::this_thread::sleep_for(milliseconds(3300));
@@ -283,11 +294,11 @@ TEST_F(Survive, TheBrokerRestarted)
             std::this_thread::sleep_for(milliseconds(20));
     }
     EXPECT_GE(calledBack, 0);
-    EXPECT_LT(calledBack, 1000);
+    EXPECT_LT(calledBack, kSecond);
     EXPECT_EQ(quibDbus_busStatus(self), 0u);
     EXPECT_TRUE(waitUntil([&] { return stateLinesFrom(v, m->pid) == 30 + kState; }, 3000))
         << v->stdout_();
-    EXPECT_LT(msSince(back), 1000);
+    EXPECT_LT(msSince(back), kSecond);
     EXPECT_EQ(RawBus(address).command(kMgmt, "SetLineCallState", wire("SetLineCallState", &kCallState)), "0");
     for (Proc *p : {m, v}) {
         EXPECT_EQ(countOf(p->stdout_(), ": back on the bus\n"), 1u) << p->stdout_();
@@ -334,7 +345,7 @@ TEST_F(Survive, ABurstPastTheBounds)
         ++statuses[status];
         quibDbus_lastSend(self, &report);
     }
-    EXPECT_LT(msSince(t), 3000);
+    EXPECT_LT(msSince(t), 3 * kSecond);
     EXPECT_LT(rssKiB(getpid()) - rssBefore, 8 * 1024) << "KiB";
     EXPECT_EQ(sentFirst, window) << bytes << " bytes each";
     EXPECT_EQ(statuses[QUIB_DBUS_E_QUEUE_FULL], 20000 - window);
@@ -344,7 +355,7 @@ TEST_F(Survive, ABurstPastTheBounds)
     EXPECT_EQ(report.queueFull, 1u);
     const auto drained = Clock::now();
     ASSERT_TRUE(runUntil([&] { return needs.of("voice") == 2; }, 3000));
-    EXPECT_LT(msSince(drained), 1000);
+    EXPECT_LT(msSince(drained), kSecond);
     EXPECT_TRUE(waitUntil([&] { return received(v, "OnAddObjectVoiceProfile") == window; }, 3000));
     EXPECT_EQ(loggedLines("user 1_test-\xc3\xa9: subscriber voice, "), 1u);
     EXPECT_EQ(loggedLines("user 1_test-\xc3\xa9: subscriber voice (:"), 1u);
