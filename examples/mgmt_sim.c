@@ -70,6 +70,7 @@ static void push(unsigned index, const char *to, const char *who)
 {
     const CorVaneMessageInfo *m = corVane_messageInfo(CORVANE_INTF_NTFY, index);
     void *p = sim_newSample(m);
+    QuibDbusSendReport report;
     uint32_t status;
     if (!p) return;
     switch (index) {
@@ -78,8 +79,13 @@ static void push(unsigned index, const char *to, const char *who)
         break;
     }
     status = quibDbus_lastStatus(user);
-    printf("%s -> %s %s: notification, %lu bytes, %s\n", self, who, m->name,
-           (unsigned long)sim_wireLength(m, p), status ? quibDbus_strerror(status) : "sent");
+    /* A push that found no subscriber says so: it reached nobody. */
+    if (status == 0 && quibDbus_lastSend(user, &report) == 0 && report.subscribers == 0)
+        printf("%s -> * %s: notification, %lu bytes, no subscriber\n", self, m->name,
+               (unsigned long)sim_wireLength(m, p));
+    else
+        printf("%s -> %s %s: notification, %lu bytes, %s\n", self, who, m->name,
+               (unsigned long)sim_wireLength(m, p), status ? quibDbus_strerror(status) : "sent");
     free(p);
 }
 
