@@ -54,6 +54,26 @@ int onFilter(sd_bus_message *m, void *userdata, sd_bus_error *)
     });
 }
 
+}  // namespace
+
+int startClient(const User *u, uint64_t timeoutUs, sd_bus **bus)
+{
+    sd_bus *b = nullptr;
+    int r = sd_bus_new(&b);
+    if (r >= 0)
+        r = sd_bus_set_address(b, u->address.c_str());
+    if (r >= 0)
+        r = sd_bus_set_bus_client(b, 1);
+    if (r >= 0)
+        r = sd_bus_set_method_call_timeout(b, timeoutUs);
+    if (r >= 0)
+        r = sd_bus_start(b);
+    *bus = r >= 0 ? b : sd_bus_unref(b);
+    return r;
+}
+
+namespace {
+
 // Drops everything tied to the user's connection and closes it; the
 // registrations stay, as data.
 void release(User *u)
@@ -79,20 +99,11 @@ uint32_t open(User *u)
     if (event == nullptr)
         return QUIB_DBUS_E_NO_BUS;
     sd_bus *bus = nullptr;
-    int r = sd_bus_new(&bus);
-    if (r >= 0)
-        r = sd_bus_set_address(bus, u->address.c_str());
-    if (r >= 0)
-        r = sd_bus_set_bus_client(bus, 1);
-    if (r >= 0)
-        r = sd_bus_set_method_call_timeout(bus, uint64_t{timeoutMs()} * 1000);
-    if (r >= 0)
-        r = sd_bus_start(bus);
+    int r = startClient(u, uint64_t{timeoutMs()} * 1000, &bus);
     if (r < 0) {
         if (!u->away)
             logError("user %s: cannot reach the bus at %s: %s", u->name.c_str(),
                      u->address.c_str(), strerror(-r));
-        sd_bus_unref(bus);
         return QUIB_DBUS_E_NO_BUS;
     }
     u->bus = bus;

@@ -194,15 +194,7 @@ void probe(User *u)
     };
     std::vector<std::unique_ptr<Question>> questions;
     sd_bus *b = nullptr;
-    int r = sd_bus_new(&b);
-    if (r >= 0)
-        r = sd_bus_set_address(b, u->address.c_str());
-    if (r >= 0)
-        r = sd_bus_set_bus_client(b, 1);
-    if (r >= 0)
-        r = sd_bus_set_method_call_timeout(b, kProbeMs * 1000);
-    if (r >= 0)
-        r = sd_bus_start(b);
+    int r = startClient(u, kProbeMs * 1000, &b);
     auto onAnswer = [](sd_bus_message *m, void *userdata, sd_bus_error *) -> int {
         auto *q = static_cast<Question *>(userdata);
         q->answered = true;

@@ -289,6 +289,9 @@ void lostConnection(User *u);
 // is on the bus.
 bool onBus(User *u);
 uint64_t nowUs();
+// A client connection to the user's bus, started, whose calls time out
+// after timeoutUs. Null in *bus on failure.
+int startClient(const User *u, uint64_t timeoutUs, sd_bus **bus);
 
 // ---- sending (send.cpp) -------------------------------------------------------
 
