@@ -28,9 +28,6 @@ constexpr uint8_t kNonZero[] = {0x01, 0x58, 0x7f, 0x80, 0xff};
 
 uint8_t nonZero(size_t i) { return kNonZero[i % std::size(kNonZero)]; }
 
-// The padded length of a text of n characters on the wire.
-uint32_t padded(uint32_t n) { return (n + 1) / 4 * 4 + 4; }
-
 // The first element of each text field (a field of a nested type counts once).
 std::vector<size_t> firstOfEachTextField(const std::vector<Element>& els) {
     std::set<const CorVaneField*> seen;
@@ -194,7 +191,7 @@ TEST_P(EveryRecord, SerializeLgForTextsFillingTheirField) {
                 const std::string where = e.path + (terminated ? " with" : " without") +
                                           " a NUL, bytes " + std::to_string(fill);
                 const uint32_t chars = terminated ? cap - 1 : cap;
-                const size_t length = total - e.wireSize + 8 + padded(chars);
+                const size_t length = total - e.wireSize + 8 + paddedLength(chars);
                 ASSERT_EQ(length, corVane_record_serialize_lg(&s(), rec.data())) << where;
                 ExactBuffer out(Bytes(length, 0xEE));
                 uint8_t* cur = out.data();
@@ -203,7 +200,7 @@ TEST_P(EveryRecord, SerializeLgForTextsFillingTheirField) {
                 if (terminated) {
                     ASSERT_EQ(0u, st) << where;
                     ASSERT_EQ(out.end(), cur) << where;
-                    ASSERT_EQ(padded(chars), be32(out.data() + e.wireOffset + 4)) << where;
+                    ASSERT_EQ(paddedLength(chars), be32(out.data() + e.wireOffset + 4)) << where;
                     Record back(&s());
                     const uint8_t* in = out.data();
                     ASSERT_EQ(0u, decode(s(), back.data(), &in, out.end())) << where;
@@ -303,7 +300,7 @@ TEST(GenericOperations, ARecordEndingWithATextIsReadNoFurther) {
             const std::string kept(reinterpret_cast<const char*>(text.data()), std::min<size_t>(n, cap - 1u));
             ASSERT_EQ(0u, corVane_record_copy(&s, copy.data(), rec.data())) << where;
             ASSERT_EQ(kept, reinterpret_cast<const char*>(copy.data())) << where;
-            const uint32_t length = 8 + padded(n);
+            const uint32_t length = 8 + paddedLength(n);
             ASSERT_EQ(length, corVane_record_serialize_lg(&s, rec.data())) << where;
             ExactBuffer out(Bytes(length, 0xEE));
             uint8_t* cur = out.data();

@@ -83,7 +83,7 @@ struct Walker {
                     size_t size = 12;
                     if (f.kind == CORVANE_FIELD_TEXT) {
                         const size_t n = strnlen(reinterpret_cast<const char*>(m), f.capacity);
-                        size = 8 + ((n + 1) / 4) * 4 + 4;
+                        size = 8 + paddedLength(n);
                     }
                     out.push_back({wire, size, i + 3u, &f, static_cast<size_t>(m - root), path,
                                    levels});

@@ -45,6 +45,10 @@ void fillFull(const CorVaneSchema& s, void* rec, uint32_t seed, Counts counts);
 // bytes after the NUL, counts from 0 to capacity + 2.
 void fillRandom(const CorVaneSchema& s, void* rec, std::mt19937& rng);
 
+// The padded length of a text of n characters on the wire: the text, its
+// NUL and up to three more bytes, to a multiple of four.
+inline uint32_t paddedLength(size_t n) { return static_cast<uint32_t>((n + 1) / 4 * 4 + 4); }
+
 // One enclosing record of an element: the schema, where the record's first
 // element starts in the encoding, and the index of the field through which
 // the element is reached.

@@ -36,7 +36,7 @@ Bytes replaceElement(const Bytes& wire, const Element& e, const Bytes& replaceme
 }
 
 Bytes stringElement(uint32_t tag, const std::string& text) {
-    Bytes out = words({tag, static_cast<uint32_t>((text.size() + 1) / 4 * 4 + 4)});
+    Bytes out = words({tag, paddedLength(text.size())});
     out.insert(out.end(), text.begin(), text.end());
     out.resize(8 + be32(&out[4]), 0);
     return out;
